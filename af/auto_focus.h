@@ -1,0 +1,20 @@
+// Autofocus state machine: entries called by the frame loop and the flags it shares.
+#pragma once
+
+#include <cstdint>
+
+// AF state: 0 start, 1 searching, 2 focused.
+extern volatile uint8_t g_afState;
+extern volatile uint8_t g_refocusRequest;
+extern volatile uint8_t g_returnToLast;
+extern volatile uint8_t g_oneShotStage;
+
+// 1 while the slow AF frame divider is in force.
+uint8_t af_slow_divider();
+
+void AfFrame();
+void ReturnToLastPosition();
+void SnapshotReference();
+
+// Sets the 25 AF windows; use_isp = 1 reads the window mask from the ISP.
+void refresh_window_mask(uint8_t use_isp);

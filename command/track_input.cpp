@@ -1,0 +1,5 @@
+#include "command/track_input.h"
+
+uint32_t track_poll() {
+    return 0;
+}

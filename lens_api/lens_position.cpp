@@ -1,0 +1,3 @@
+#include "lens_api/lens_position.h"
+
+void lens_apply_parameters() {}

@@ -1,0 +1,57 @@
+// Time for the whole daemon. No module reads the OS clock or sleeps by itself: everything goes
+// through the clock selected here, so that on a desktop the virtual camera can own time.
+//
+// Two backends:
+//  - the real clock (platform/linux/real_clock): gettimeofday, CLOCK_MONOTONIC and usleep;
+//  - the virtual clock (platform/sim/virtual_clock): sleeps return at once and advance virtual
+//    time, and every statistics frame carries its capture time in its header (data/frame_stamp.h),
+//    which the virtual clock follows. A daemon that keeps up therefore measures exactly the virtual
+//    camera's frame interval, however fast the simulation runs.
+#pragma once
+
+#include <sys/time.h>
+
+#include <cstdint>
+
+#include "data/frame_stamp.h"
+
+namespace platform {
+
+class Clock {
+  public:
+    virtual ~Clock() = default;
+
+    // Time of day, as gettimeofday gives it. Returns 0, or -1 when the time cannot be read.
+    virtual int wall_time(timeval* tv) = 0;
+
+    // Microseconds on a clock that never steps backwards (elapsed-time measures).
+    virtual uint64_t monotonic_us() = 0;
+
+    // Suspends the calling thread (real) or advances time (virtual) by us microseconds.
+    virtual void sleep_us(uint32_t us) = 0;
+
+    // A statistics frame with this stamp has just been received. The real clock ignores it.
+    virtual void on_frame(const afdata::FrameStamp& stamp) = 0;
+
+    virtual bool is_virtual() const = 0;
+};
+
+// The clock in force; the real clock until select_clock() is called.
+Clock& clock();
+
+// Installs a clock (main() once at start-up; tests install their own). The object must outlive
+// every user. nullptr restores the real clock.
+void select_clock(Clock* c);
+
+// Shorthands used by the modules.
+inline int wall_time(timeval* tv) {
+    return clock().wall_time(tv);
+}
+inline void sleep_us(uint32_t us) {
+    clock().sleep_us(us);
+}
+inline uint64_t monotonic_us() {
+    return clock().monotonic_us();
+}
+
+}  // namespace platform

@@ -1,0 +1,6 @@
+#include "store/lens_data.h"
+
+void lens_param_load() {}
+int marker_present() {
+    return 0;
+}

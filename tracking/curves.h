@@ -1,0 +1,4 @@
+// Zoom-focus curves.
+#pragma once
+
+void curve_load();
