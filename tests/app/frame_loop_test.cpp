@@ -14,6 +14,7 @@
 #include "command/command_process.h"
 #include "platform/clock.h"
 #include "platform/sim/virtual_clock.h"
+#include "tests/support/alloc_counter.h"
 
 namespace {
 
@@ -502,6 +503,24 @@ TEST_F(FrameLoopTest, OneShotRunsReferenceSearchThenSwitchesOff) {
     run(loop, 3);
     EXPECT_EQ(rec_.af_frames, 2) << "autofocus is off after the single search";
     EXPECT_EQ(rec_.order, std::vector<std::string>({"snapshot", "af", "af"}));
+}
+
+}  // namespace
+
+namespace {
+
+TEST_F(FrameLoopTest, NoHeapAllocationPerFrame) {
+    FrameLoop loop = make_loop();
+    set_divisors(2, 2);
+    command_set_autofocus_mode(1);
+    rec_.default_interval = 16667;
+    run(loop, 10);  // warm-up and classification
+    rec_.order.reserve(10000);
+    rec_.fetch_modes.reserve(10000);
+    const uint64_t before = testsupport::allocation_count();
+    run(loop, 3000);
+    EXPECT_EQ(testsupport::allocation_count() - before, 0u);
+    EXPECT_GT(rec_.af_frames, 1000);
 }
 
 }  // namespace
