@@ -16,6 +16,9 @@ void lens_set_positions(uint16_t zoom, uint16_t focus);
 void lens_clear_directions();
 // Focus position assigned when focus homing succeeds (2400 unless the lens parameters say else).
 uint16_t lens_get_focus_home();
+// Ordinary focus bounds (0 and 6120 unless the lens parameters say else).
+uint16_t lens_get_focus_min();
+uint16_t lens_get_focus_max();
 
 // Backlash added on a motor reversal, from the calibration-offset file. The setters print the
 // value ("focus offset %d\n", "zoom offset %d\n").
