@@ -13,6 +13,8 @@ struct LensPosition {
     uint8_t focus_dir = 0;
     uint16_t focus_home = kDefaultFocusHome;
     uint16_t focus_min = 0;
+    uint16_t zoom_min = 0;
+    uint16_t zoom_max = 6624;
     uint16_t focus_max = 6120;
     uint8_t focus_backlash = 2;
     uint8_t zoom_backlash = 1;
@@ -40,6 +42,12 @@ void lens_clear_directions() {
 }
 uint16_t lens_get_focus_home() {
     return g_lens.focus_home;
+}
+uint16_t lens_get_zoom_min() {
+    return g_lens.zoom_min;
+}
+uint16_t lens_get_zoom_max() {
+    return g_lens.zoom_max;
 }
 uint16_t lens_get_focus_min() {
     return g_lens.focus_min;

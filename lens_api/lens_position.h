@@ -16,6 +16,9 @@ void lens_set_positions(uint16_t zoom, uint16_t focus);
 void lens_clear_directions();
 // Focus position assigned when focus homing succeeds (2400 unless the lens parameters say else).
 uint16_t lens_get_focus_home();
+// Ordinary zoom bounds (0 and the optical maximum 6624 unless the lens parameters say else).
+uint16_t lens_get_zoom_min();
+uint16_t lens_get_zoom_max();
 // Ordinary focus bounds (0 and 6120 unless the lens parameters say else).
 uint16_t lens_get_focus_min();
 uint16_t lens_get_focus_max();
