@@ -36,7 +36,7 @@ const FrameLoopOps kDefaultOps = {
     lc_hall_calibrate,
     lc_get_iris_offset,
     lc_get_bias_offset,
-    offset_save,
+    offset_save_by_key,
     motion_execute,
     AfFrame,
     ReturnToLastPosition,

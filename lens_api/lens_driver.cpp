@@ -1,6 +1,70 @@
 #include "lens_api/lens_driver.h"
 
-void lens_detect_chip() {}
+#include "app/dbgout.h"
+#include "lens_api/lc898201.h"
+#include "lens_api/lens_position.h"
+#include "platform/clock.h"
+
+namespace {
+
+// Settling time between the sensor supply and the first sensor read, on top of the supply's own.
+constexpr uint32_t kSensorSettleUs = 1000;
+
+struct DriverState {
+    LensDriverOps ops = kLc898201Ops;
+    const LensDriverOps* override_ops = nullptr;
+    uint8_t is_ms41908 = 0;
+};
+
+DriverState g_driver;
+
+uint8_t home_both() {
+    const LensDriverOps& ops = lens_ops();
+    uint8_t result = 0;
+    if ((ops.zoom_home() & 0xFFFF) == 0xFFFF)
+        result |= kZoomHomeFailed;
+    if ((ops.focus_home() & 0xFFFF) == 0xFFFF)
+        result |= kFocusHomeFailed;
+    ops.sensor_power_off();
+
+    if (result != 0) {
+        lens_set_positions(0, 0);
+    } else {
+        lens_set_positions(kZoomHomePosition, lens_get_focus_home());
+        lens_clear_directions();
+    }
+    return result;
+}
+
+}  // namespace
+
+const LensDriverOps& lens_ops() {
+    return g_driver.override_ops != nullptr ? *g_driver.override_ops : g_driver.ops;
+}
+
+void lens_detect_chip() {
+    g_driver.ops = kLc898201Ops;
+    g_driver.is_ms41908 = 0;
+    dbg_line("IC is LC898201 ");
+}
+
+uint8_t lens_is_ms41908() {
+    return g_driver.is_ms41908;
+}
+
 uint8_t lens_motor_init() {
-    return 0;
+    const LensDriverOps& ops = lens_ops();
+    ops.init_regs();
+    ops.sensor_power_on();
+    platform::sleep_us(kSensorSettleUs);
+    return home_both();
+}
+
+uint8_t lens_motor_rehome() {
+    lens_ops().sensor_power_on();
+    return home_both();
+}
+
+void lens_set_ops_for_testing(const LensDriverOps* ops) {
+    g_driver.override_ops = ops;
 }

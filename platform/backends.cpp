@@ -6,12 +6,18 @@
 
 #include "data/frame_stamp.h"
 #include "platform/clock.h"
+#include "platform/gpio.h"
+#include "platform/sim/sim_devices.h"
 #include "platform/sim/virtual_clock.h"
+#include "platform/spi.h"
 
 namespace platform {
 namespace {
 
 VirtualClock g_virtualClock;
+SimHwLink g_simHwLink;
+SimSpi g_simSpi(g_simHwLink);
+SimGpio g_simGpio(g_simHwLink);
 
 }  // namespace
 
@@ -25,6 +31,16 @@ int select_backends_from_env() {
             rc = -1;
         }
         select_clock(&g_virtualClock);
+    }
+    // Lens hardware of the virtual camera: SPI frames and GPIO requests go to its emulators.
+    const char* hw_socket = std::getenv(hwwire::kSocketEnv);
+    if (hw_socket != nullptr && hw_socket[0] != '\0') {
+        if (g_simHwLink.connect(hw_socket) == 0) {
+            select_spi(&g_simSpi);
+            select_gpio(&g_simGpio);
+        } else {
+            rc = -1;
+        }
     }
     return rc;
 }
