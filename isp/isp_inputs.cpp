@@ -1,0 +1,29 @@
+#include "isp/isp_inputs.h"
+
+#include <atomic>
+
+#include "command/command_process.h"
+#include "lens_api/lens_position.h"
+
+namespace {
+
+uint8_t command_window_preset() {
+    return command_motion_copy().region;
+}
+
+const IspInputs kDefaultInputs = {
+    lens_get_zoom_pos,
+    command_window_preset,
+};
+
+std::atomic<const IspInputs*> g_inputs{&kDefaultInputs};
+
+}  // namespace
+
+const IspInputs& isp_inputs() {
+    return *g_inputs.load(std::memory_order_acquire);
+}
+
+void isp_set_inputs_for_testing(const IspInputs* inputs) {
+    g_inputs.store(inputs ? inputs : &kDefaultInputs, std::memory_order_release);
+}
