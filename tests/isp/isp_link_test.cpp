@@ -72,10 +72,15 @@ class IspLinkTest : public ::testing::Test {
 
     // Connects and runs the attribute set-up; returns what they printed.
     std::string connect() {
-        return capture_stdout([] {
+        std::string out = capture_stdout([] {
             ASSERT_EQ(socket_to_soc_init(), 0);
             ASSERT_EQ(isp_af_attr_setup(), 0);
         });
+        // The SET has no reply: wait until the service has taken it in.
+        EXPECT_TRUE(peer.wait_codes(2));
+        while (peer.set_payloads().empty())
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        return out;
     }
     // Reads the exposure record with the given brightness and gain, checking the gain ratio.
     void set_gain_ratio(uint32_t ratio) {
