@@ -15,3 +15,14 @@ void ReturnToLastPosition() {
 }
 void SnapshotReference() {}
 void refresh_window_mask(uint8_t) {}
+
+namespace {
+volatile uint8_t g_distanceAssist = 0;
+}
+
+uint8_t get_distance_assist_mode() {
+    return g_distanceAssist;
+}
+void set_distance_assist_mode(uint8_t on) {
+    g_distanceAssist = on;
+}

@@ -16,5 +16,9 @@ void AfFrame();
 void ReturnToLastPosition();
 void SnapshotReference();
 
+// Distance assist: 1 lets an object distance from the camera steer the search (0/1).
+uint8_t get_distance_assist_mode();
+void set_distance_assist_mode(uint8_t on);
+
 // Sets the 25 AF windows; use_isp = 1 reads the window mask from the ISP.
 void refresh_window_mask(uint8_t use_isp);

@@ -1,25 +1,46 @@
-// Command channel: sockets, the Message_Process thread, command records and modes, and the
-// published position record.
+// Command channel. The camera's control software steers the lens with small UDP datagrams: read
+// requests ("r"/"R" + id) are answered to the reply port (127.0.0.1:7000 by default), write
+// commands ("w"/"W" + id + payload) change flags and records that the frame loop reads on its next
+// iteration. The Message_Process thread receives and executes them; the frame loop publishes the
+// lens positions every frame into /dev/sm_af_zoom_focus_value and reports the end of every motion.
+//
+// Shared state is single bytes, halfwords and words written by one thread and read by the other;
+// the frame loop takes a copy of the MotionCommand before using it.
 #pragma once
 
+#include <netinet/in.h>
+
+#include <cstddef>
 #include <cstdint>
 
 #include "command/motion_command.h"
 
-// Opens the reply and command sockets.
-void command_sockets_open();
-// Command-state initialisation (defaults; marks the start-up zoom motion active).
-void command_state_init();
-// Starts the Message_Process thread. Returns 0, or non-zero when it cannot be created.
-int command_thread_start();
+// ---- Start-up and the thread ----
 
-// Zoom-motion-active flag (written by the command thread and the motion executor).
+// Opens the reply socket (unbound) and the command socket (bound to the command port).
+void command_sockets_open();
+// Port the command socket is bound to (0 when it is not open).
+uint16_t command_get_port();
+// Command-state initialisation: defaults, version and offset files; marks a zoom motion active.
+void command_state_init();
+// Starts the Message_Process thread. 0, or non-zero when it cannot be created.
+int command_thread_start();
+// Executes one received datagram as the thread does (from = its sender).
+void command_process_datagram(const uint8_t* data, size_t len, const sockaddr_in& from);
+
+// ---- Frame loop ----
+
+// Publishes the positions (first call creates and maps the device) and sends the end-of-motion
+// report when the zoom-motion-active flag has fallen since the previous call.
+void command_publish_positions();
+
+// ---- Motion and modes ----
+
 uint8_t command_zoom_motion_active();
 void command_set_zoom_motion_active(uint8_t on);
-// Copy of the current MotionCommand.
 MotionCommand command_motion_copy();
 
-// Calibration mode (0 none, 1 curve calibration, 4 iris correction, 5 hall calibration, ...).
+// Calibration mode: 0 none, 1 curve calibration, 4 iris correction, 5 hall calibration, 6.
 uint8_t command_calibration_mode();
 void command_set_calibration_mode(uint8_t mode);
 
@@ -27,13 +48,33 @@ void command_set_calibration_mode(uint8_t mode);
 uint8_t command_autofocus_mode();
 void command_set_autofocus_mode(uint8_t mode);
 
-// Homing status `error` reported to the control software.
+// Pan/tilt head moving (sub-commands 14 and 15).
+uint8_t command_pt_moving();
+// Focus-stop request (sub-command 13): read and cleared by the motion executor.
+uint8_t command_focus_stop_request();
+void command_clear_focus_stop_request();
+// Zone type 4 requested (the zone type is then 3 with this flag set).
+uint8_t command_zone_type4();
+
+// ---- Electronic zoom ----
+
+// Sets the electronic zoom (0..1012) when enabled; notifies "w" 11 when it changes.
+void command_set_ezoom(uint32_t value);
+uint32_t command_get_ezoom();
+uint16_t command_get_max_ezoom();
+void command_set_max_ezoom(uint16_t value);
+uint16_t command_get_ezoom_enable();
+
+// ---- Status ----
+
 void command_set_homing_error(uint8_t error);
 uint8_t command_homing_error();
-
-// 128-byte status text.
+// 128-byte status text (zero-filled, at most 128 bytes copied in).
 void command_set_status_text(const char* text);
 const char* command_status_text();
 
-// Publishes the zoom and focus positions (position device, every frame).
-void command_publish_positions();
+// Angle of view in degrees at zoom position z (from the field-of-view table).
+float command_angle_of_view(uint16_t z);
+
+// Zoom target of the last mode-1 command (-1 when none).
+int32_t command_saved_zoom_target();

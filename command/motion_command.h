@@ -1,10 +1,11 @@
-// The motion command record of the command channel (18 bytes on the wire, little-endian).
+// The motion command record of the command channel: 18 bytes on the wire, little-endian, packed.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 struct MotionCommand {
-    uint8_t mode;            // motion mode 0..7
+    uint8_t mode;            // motion mode 0..7; 8..16 are sub-commands in a write
     uint8_t focus_speed;     // index 0..7 into the focus speed table
     uint8_t zoom_speed;      // zoom speed, clamped to 8
     uint8_t focus_dir;       // 1 towards the focus end in slot 3 of the position record, 0 slot 5
@@ -18,3 +19,9 @@ struct MotionCommand {
     uint8_t region;          // window preset 0..3
     uint16_t ezoom_target;   // part of the target beyond the optical maximum
 };
+
+inline constexpr std::size_t kMotionCommandWireSize = 18;
+
+// Wire encoding; out and in hold kMotionCommandWireSize bytes.
+void motion_command_encode(const MotionCommand& m, uint8_t* out);
+MotionCommand motion_command_decode(const uint8_t* in);
