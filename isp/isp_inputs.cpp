@@ -2,18 +2,14 @@
 
 #include <atomic>
 
-#include "command/command_process.h"
+#include "af/focus_zone.h"
 #include "lens_api/lens_position.h"
 
 namespace {
 
-uint8_t command_window_preset() {
-    return command_motion_copy().region;
-}
-
 const IspInputs kDefaultInputs = {
     lens_get_zoom_pos,
-    command_window_preset,
+    get_window_preset,
 };
 
 std::atomic<const IspInputs*> g_inputs{&kDefaultInputs};

@@ -7,12 +7,12 @@
 struct IspInputs {
     // Current zoom position in motor steps (the filter profile is left alone at the tele end).
     uint16_t (*zoom_pos)();
-    // Window preset number of the command channel (0..3); preset 3 keeps the weighted centre
+    // Window preset number (0..3) of the focus zone; preset 3 keeps the weighted centre
     // window value, every other preset uses the wider plain 4 x 4 centre average.
     uint8_t (*window_preset)();
 };
 
-// The inputs in force: the lens position module and the command channel.
+// The inputs in force: the lens position module and the focus zone.
 const IspInputs& isp_inputs();
 
 // Installs a test's inputs; nullptr restores the defaults. The table must outlive its use.
