@@ -9,6 +9,13 @@ extern volatile uint8_t g_refocusRequest;
 extern volatile uint8_t g_returnToLast;
 extern volatile uint8_t g_oneShotStage;
 
+// Set by every tracked zoom step; autofocus clears it on its next frame.
+extern volatile uint8_t g_zoomMotionMarker;
+// Set while the focus is being moved by hand (motion commands); zoom-then-focus clears it.
+extern volatile uint8_t g_manualFocusMove;
+// Focus position at the end of the last search or zoom step.
+extern volatile uint16_t g_lastAfPos;
+
 // 1 while the slow AF frame divider is in force.
 uint8_t af_slow_divider();
 
