@@ -12,6 +12,7 @@
 #include <string>
 
 #include "sim/camera.h"
+#include "sim/hw/hw_server.h"
 #include "sim/hw/lens_mechanics.h"
 #include "sim/isp_server.h"
 #include "sim/scenario.h"
@@ -47,9 +48,23 @@ void usage(FILE* f) {
 // ---- Lens hardware emulation -------------------------------------------------------------------
 // The SPI lens-driver chip and GPIO emulators start here and move `mech` (sim/hw/). Until they
 // are attached the lens stays where the scenario puts it, or follows the scenario's lens script.
+// With AFD_SIM_SOCKET set, the LC898201 and GPIO emulators serve the daemon's simulation backend
+// on that socket; VCAM_HW holds their settings and faults ("key=value,...", sim/hw/hw_server.h).
 void start_lens_hardware(vcam::LensMechanics& mech, const vcam::Scenario& scenario) {
-    (void)mech;
-    (void)scenario;
+    const char* sock = std::getenv(hwwire::kSocketEnv);
+    if (sock == nullptr || *sock == '\0')
+        return;
+    vcam::hw::HwConfig cfg;
+    std::string err;
+    const char* list = std::getenv("VCAM_HW");
+    if (list != nullptr && !vcam::hw::hw_config_parse_list(cfg, list, &err)) {
+        std::fprintf(stderr, "vcam: VCAM_HW: %s\n", err.c_str());
+        std::exit(2);
+    }
+    static vcam::hw::HwServer server(mech, cfg);  // serves for the whole run
+    server.power_on(scenario.lens.zoom, scenario.lens.focus);
+    if (server.start(sock) != 0)
+        std::exit(2);
 }
 
 bool parse_u64(const char* s, uint64_t* out) {
