@@ -62,7 +62,9 @@ bool is_switch(int code) {
 void apply_events(const Scenario& sc, size_t count, double t, SceneState* s) {
     for (size_t i = 0; i < count; ++i) {
         const TimelineEvent& e = sc.timeline[i];
-        if (e.at > t)
+        // Frame times are whole microseconds: an event given by frame number belongs to that
+        // frame even when the rounded frame time falls a fraction of a microsecond early.
+        if (e.at > t + 1e-6)
             break;
         for (size_t j = 0; j < e.fields.size(); ++j) {
             const auto [code, target] = e.fields[j];
