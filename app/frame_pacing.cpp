@@ -2,16 +2,18 @@
 
 #include "af/auto_focus.h"
 
+#include <atomic>
+
 namespace {
 
 struct FramePacing {
-    volatile uint32_t frame_rate = 60;
-    volatile uint8_t high_rate = 0;
-    volatile uint8_t half_rate = 0;
-    volatile uint8_t motion_divisor = 1;
-    volatile uint8_t af_divisor = 2;
-    volatile uint32_t loop_paused = 0;
-    volatile uint32_t tracking_on = 0;
+    std::atomic<uint32_t> frame_rate{60};
+    std::atomic<uint8_t> high_rate{0};
+    std::atomic<uint8_t> half_rate{0};
+    std::atomic<uint8_t> motion_divisor{1};
+    std::atomic<uint8_t> af_divisor{2};
+    std::atomic<uint32_t> loop_paused{0};
+    std::atomic<uint32_t> tracking_on{0};
 };
 
 FramePacing g_pacing;
@@ -35,7 +37,7 @@ uint32_t get_image_height() {
 }
 
 void update_frame_cadence() {
-    const float fps = static_cast<float>(g_pacing.frame_rate);
+    const float fps = static_cast<float>(g_pacing.frame_rate.load());
     set_high_rate(fps >= 45.0f ? 1 : 0);
     set_af_divider(af_slow_divider() == 1);
     set_half_rate(fps >= 90.0f ? 1 : 0);
@@ -106,5 +108,11 @@ uint32_t classify_frame_interval(uint32_t us) {
 }
 
 void frame_pacing_reset_for_testing() {
-    g_pacing = FramePacing{};
+    g_pacing.frame_rate = 60;
+    g_pacing.high_rate = 0;
+    g_pacing.half_rate = 0;
+    g_pacing.motion_divisor = 1;
+    g_pacing.af_divisor = 2;
+    g_pacing.loop_paused = 0;
+    g_pacing.tracking_on = 0;
 }

@@ -3,6 +3,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -28,7 +29,7 @@
 
 namespace {
 
-volatile uint8_t g_ispIndex = 0;
+std::atomic<uint8_t> g_ispIndex{0};
 
 // Pause between the steps of the start-up motion (about one frame at 30 fps).
 constexpr uint32_t kStartupMotionSleepUs = 33000;
@@ -103,6 +104,9 @@ void HandleExitSig(int signo) {
 }
 
 int afd_main(int argc, char** argv) {
+    // One line at a time, also when standard output is a pipe to a log collector (the journal),
+    // so that every message arrives when it is printed.
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);
     platform::select_backends_from_env();
 
     // 1-4

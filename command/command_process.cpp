@@ -8,9 +8,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 
 #include "af/auto_focus.h"
 #include "af/focus_zone.h"
@@ -59,6 +61,9 @@ enum : uint8_t {
 };
 
 struct CommandState {
+    // The motion command is 18 bytes written by the command thread and copied by the frame loop
+    // once per frame: a short lock keeps the copy from mixing two commands.
+    std::mutex motion_lock;
     // Sockets.
     int reply_fd = -1;
     int cmd_fd = -1;
@@ -66,30 +71,30 @@ struct CommandState {
 
     // Records.
     MotionCommand motion{};
-    volatile uint8_t zoom_motion_active = 0;
-    volatile uint8_t prev_motion_active = 0;
-    volatile uint8_t autofocus_mode = 0;
-    volatile uint8_t calibration_mode = 0;
+    std::atomic<uint8_t> zoom_motion_active{0};
+    std::atomic<uint8_t> prev_motion_active{0};
+    std::atomic<uint8_t> autofocus_mode{0};
+    std::atomic<uint8_t> calibration_mode{0};
     uint8_t calibration_command = 0;
     uint8_t autoiris_en = 1;
     uint8_t fno = 0;
     uint32_t day_night[3] = {0, 200, 40};
     uint8_t mode_record[3] = {20, 4, 27};
-    volatile uint8_t error = 1;
+    std::atomic<uint8_t> error{1};
     char status_text[129] = {};  // 128 bytes of text, always terminated
-    volatile uint16_t ezoom_enable = 1;
-    volatile uint32_t ezoom_current = 0;
-    volatile uint16_t max_ezoom = 0;
+    std::atomic<uint16_t> ezoom_enable{1};
+    std::atomic<uint32_t> ezoom_current{0};
+    std::atomic<uint16_t> max_ezoom{0};
     int16_t rehome_focus = 0;
     int16_t rehome_zoom = 0;
     uint16_t roi[6] = {1080, 1920, 0, 0, 1920, 1080};
     uint8_t fov[kFovTableSize] = {};
     float step_angle[kMagSteps] = {};
     uint16_t counter = 8192;
-    volatile uint8_t pt_moving = 0;
-    volatile uint8_t focus_stop = 0;
-    volatile uint8_t zone_type4 = 0;
-    volatile int32_t saved_zoom_target = -1;
+    std::atomic<uint8_t> pt_moving{0};
+    std::atomic<uint8_t> focus_stop{0};
+    std::atomic<uint8_t> zone_type4{0};
+    std::atomic<int32_t> saved_zoom_target{-1};
 
     // Publishing.
     volatile uint8_t* publish_map = nullptr;
@@ -195,11 +200,13 @@ bool long_enough(uint8_t dir, uint8_t id, size_t len, size_t need) {
 void handle_read(uint8_t* buf, size_t len, const sockaddr_in& from) {
     const uint8_t id = buf[1];
     switch (id) {
-        case 0:
+        case 0: {
+            std::lock_guard<std::mutex> lock(g_cmd.motion_lock);
             refresh_zone(true);
             motion_command_encode(g_cmd.motion, buf + 2);
             send_reply(buf, 20);
             break;
+        }
         case 1:
             position_record(buf + 2);
             send_reply(buf, 18);
@@ -235,8 +242,11 @@ void handle_read(uint8_t* buf, size_t len, const sockaddr_in& from) {
             break;
         case 7: {
             uint8_t* p = buf + 2;
-            refresh_zone(false);
-            motion_command_encode(g_cmd.motion, p);
+            {
+                std::lock_guard<std::mutex> lock(g_cmd.motion_lock);
+                refresh_zone(false);
+                motion_command_encode(g_cmd.motion, p);
+            }
             p += 18;
             p[0] = g_cmd.calibration_command;
             p[1] = g_cmd.calibration_mode;
@@ -323,7 +333,8 @@ void motion_sub_command(const MotionCommand& m, const uint8_t* payload) {
         case 11:
             set_window_preset(m.region > 3 ? 1 : m.region);
             break;
-        case 12:
+        case 12: {
+            std::lock_guard<std::mutex> lock(g_cmd.motion_lock);
             g_cmd.zoom_motion_active = 1;
             g_cmd.motion = m;
             refresh_move_and_af();
@@ -332,6 +343,7 @@ void motion_sub_command(const MotionCommand& m, const uint8_t* payload) {
             if (g_cmd.motion.focus_speed > 7)
                 g_cmd.motion.focus_speed = 7;
             break;
+        }
         case 13:
             g_cmd.focus_stop = 1;
             break;
@@ -383,6 +395,7 @@ void motion_command(MotionCommand m) {
     } else if (m.mode == 1) {
         start = zoom != m.zoom_target || g_cmd.ezoom_current != m.ezoom_target;
     }
+    std::lock_guard<std::mutex> lock(g_cmd.motion_lock);
     if (start)
         g_cmd.zoom_motion_active = 1;
 
@@ -416,10 +429,15 @@ void lens_reset(uint8_t value) {
     dbg_info(kFile, kFunc, 1279, "Lc_Reset = %d\n", value);
     if (value != 1)
         return;
-    g_cmd.motion.mode = 1;
-    g_cmd.motion.zoom_target = lens_get_zoom_pos();
-    refresh_move_and_af();
-    g_cmd.motion.zoom_speed = 7;
+    uint16_t zoom_target = 0;
+    {
+        std::lock_guard<std::mutex> lock(g_cmd.motion_lock);
+        g_cmd.motion.mode = 1;
+        g_cmd.motion.zoom_target = lens_get_zoom_pos();
+        refresh_move_and_af();
+        g_cmd.motion.zoom_speed = 7;
+        zoom_target = g_cmd.motion.zoom_target;
+    }
     gpio_reset_pulse();
     const uint8_t result = lens_motor_init();
     if (result == 2) {
@@ -433,7 +451,7 @@ void lens_reset(uint8_t value) {
         g_cmd.error = 4;
     }
     // The counts restart at the home positions: zoom back to where the lens was.
-    if (lens_get_zoom_pos() != g_cmd.motion.zoom_target)
+    if (lens_get_zoom_pos() != zoom_target)
         g_cmd.zoom_motion_active = 1;
     iris_drive_publish(2300);
 }
@@ -664,12 +682,14 @@ void command_state_init() {
 
     // The start-up motion: the default command zooms to the wide end.
     g_cmd.zoom_motion_active = 1;
+    std::unique_lock<std::mutex> motion_lock(g_cmd.motion_lock);
     g_cmd.motion = MotionCommand{};
     g_cmd.motion.focus_speed = 7;
     g_cmd.motion.zoom_speed = 7;
     g_cmd.motion.autofocus_mode = 1;
     g_cmd.motion.zone_type = 2;
     g_cmd.motion.region = 3;
+    motion_lock.unlock();
     g_zoneType = 2;
     set_window_preset(3);
     g_cmd.autofocus_mode = 1;
@@ -745,9 +765,12 @@ void command_publish_positions() {
     }
     const uint8_t now = g_cmd.zoom_motion_active;
     if (g_cmd.prev_motion_active == 1 && now == 0) {
-        refresh_zone(false);
         uint8_t msg[2 + kMotionCommandWireSize] = {'r', 0};
-        motion_command_encode(g_cmd.motion, msg + 2);
+        {
+            std::lock_guard<std::mutex> lock(g_cmd.motion_lock);
+            refresh_zone(false);
+            motion_command_encode(g_cmd.motion, msg + 2);
+        }
         send_reply(msg, sizeof msg);
     }
     g_cmd.prev_motion_active = now;
@@ -760,6 +783,7 @@ void command_set_zoom_motion_active(uint8_t on) {
     g_cmd.zoom_motion_active = on;
 }
 MotionCommand command_motion_copy() {
+    std::lock_guard<std::mutex> lock(g_cmd.motion_lock);
     return g_cmd.motion;
 }
 

@@ -11,6 +11,8 @@
 #include "platform/paths.h"
 #include "store/lens_data.h"
 
+#include <atomic>
+
 namespace {
 
 constexpr uint16_t kLcTable[kIrisSteps] = {1984, 1600, 1300, 1100, 1000, 900, 800,
@@ -31,8 +33,8 @@ constexpr uint32_t kCloseTarget = 225;
 constexpr uint8_t kSettleAdjustments = 10;
 
 struct IrisState {
-    volatile uint16_t value = 0;
-    volatile uint8_t mode = 1;
+    std::atomic<uint16_t> value{0};
+    std::atomic<uint8_t> mode{1};
     uint16_t table[kIrisSteps] = {};
     uint8_t hold_off = 2;
     uint8_t phase = 0;
@@ -50,11 +52,13 @@ struct IrisState {
 
 uint32_t (*g_brightness)() = get_exp_luma;
 
-IrisState g_iris = [] {
-    IrisState s;
+IrisState g_iris;
+
+// The LC898201's table is the default; chip detection switches to the MS41908's.
+const bool g_tableInit = [] {
     for (uint8_t i = 0; i < kIrisSteps; ++i)
-        s.table[i] = kLcTable[i];
-    return s;
+        g_iris.table[i] = kLcTable[i];
+    return true;
 }();
 
 uint8_t index_of(uint8_t step) {
@@ -197,7 +201,8 @@ void iris_publish_init() {
         return;
     g_iris.map = static_cast<volatile uint8_t*>(map);
     put16(0, g_iris.mode);
-    put16(2, g_iris.value < g_iris.table[0] ? g_iris.value : g_iris.table[0]);
+    const uint16_t v = g_iris.value;
+    put16(2, v < g_iris.table[0] ? v : g_iris.table[0]);
     put16(4, g_iris.table[0]);
     put16(6, g_iris.table[12]);
     iris_publish_zoom();

@@ -10,6 +10,8 @@
 #include "platform/paths.h"
 #include "store/lens_data.h"
 
+#include <atomic>
+
 namespace {
 
 constexpr uint16_t kDefaultFocusHome = 2400;
@@ -35,8 +37,8 @@ constexpr const char* kSpeedDevice = "/dev/sm_zoom_speed_info";
 constexpr size_t kSpeedDeviceSize = 132;
 
 struct LensPosition {
-    volatile uint16_t zoom = 0;
-    volatile uint16_t focus = 0;
+    std::atomic<uint16_t> zoom{0};
+    std::atomic<uint16_t> focus{0};
     uint16_t zoom_max = kZoomTravelLimit;
     uint16_t zoom_min = 0;
     uint16_t focus_min = 0;
@@ -73,14 +75,14 @@ struct Channel {
     uint8_t motor_steps;
 };
 
-Channel channel_move(volatile uint16_t& pos, uint8_t dir, uint8_t steps, uint16_t min, uint16_t max,
-                     uint16_t ceiling, uint8_t down_dir, uint8_t up_dir, uint8_t& last_dir,
-                     uint16_t backlash) {
+Channel channel_move(std::atomic<uint16_t>& pos, uint8_t dir, uint8_t steps, uint16_t min,
+                     uint16_t max, uint16_t ceiling, uint8_t down_dir, uint8_t up_dir,
+                     uint8_t& last_dir, uint16_t backlash) {
     if (steps == 0)
         return {last_dir, 0};
     if (steps > kMaxStepsPerMove)
         steps = kMaxStepsPerMove;
-    const int32_t p = pos;
+    const int32_t p = pos.load();
     uint8_t motor_dir = 0;
     switch (dir) {
         case 0:

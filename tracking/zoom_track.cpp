@@ -7,6 +7,8 @@
 #include "lens_api/lens_position.h"
 #include "tracking/curves.h"
 
+#include <atomic>
+
 namespace {
 
 constexpr uint8_t kLastCurve = 51;
@@ -28,7 +30,7 @@ enum Slot { kLower = 0, kCurrent = 1, kUpper = 2 };
 
 struct TrackState {
     uint8_t last_dir = 0;
-    volatile uint8_t active = 0;
+    std::atomic<uint8_t> active{0};
     uint8_t current = 0;
     uint8_t start = 0;
     uint8_t move = 0;
@@ -36,7 +38,7 @@ struct TrackState {
     uint8_t span_up = 0;
     uint8_t probe_state = 0;
     uint8_t narrowing = 0;
-    volatile int8_t trim = 0;
+    std::atomic<int8_t> trim{0};
     Probe probe[3] = {};
 };
 
