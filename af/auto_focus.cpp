@@ -1,4 +1,29 @@
+// AF state machine: decides, frame by frame, whether autofocus prepares a search (state 0), runs
+// one (state 1) or watches a focused picture (state 2), and restarts the search when the zoom,
+// the exposure or the pan/tilt head change.
+//
+// The frame divider is part of the optics here: after a lens move the statistics of the next
+// frame or two still show the old position (the sensor exposes while the motor runs and the ISP
+// reports a frame late), so the phases that move and then judge run on the slow divider, and only
+// the climb, whose decisions tolerate a one-frame lag, runs on the fast one.
 #include "af/auto_focus.h"
+
+#include <cstring>
+
+#include "af/af_seams.h"
+#include "af/af_state.h"
+#include "af/focus_zone.h"
+#include "app/frame_pacing.h"
+#include "command/command_process.h"
+#include "isp/af_stat.h"
+#include "isp/frame_history.h"
+#include "isp/highlight.h"
+#include "isp/isp_link.h"
+#include "lens_api/lens_position.h"
+#include "platform/clock.h"
+#include "scene/scene_analyzer.h"
+#include "tracking/curves.h"
+#include "tracking/distance_table.h"
 
 volatile uint8_t g_afState = 0;
 volatile uint8_t g_refocusRequest = 0;
@@ -8,19 +33,774 @@ volatile uint8_t g_zoomMotionMarker = 0;
 volatile uint8_t g_manualFocusMove = 0;
 volatile uint16_t g_lastAfPos = 0;
 
-uint8_t af_slow_divider() {
-    return 0;
-}
-
-void AfFrame() {}
-void ReturnToLastPosition() {
-    g_returnToLast = 0;
-}
-void SnapshotReference() {}
-void refresh_window_mask(uint8_t) {}
+uint32_t g_searchPhase = 1;
+uint32_t g_searchDir = 2;
+uint16_t g_lastDirSeen = 2;
+uint16_t g_framesInDir = 0;
+uint16_t g_dirChangePos = 0;
+uint16_t g_lowerBound = 0;
+uint16_t g_upperBound = 6120;
+uint16_t g_nearThreshold = 0;
+uint16_t g_farThreshold = 6120;
+uint16_t g_visitMin = 6120;
+uint16_t g_visitMax = 0;
+uint32_t g_hitLower = 0;
+uint32_t g_hitUpper = 0;
+uint16_t g_lastZoom = 10000;
+uint16_t g_lastDigitalZoom = 0;
+uint16_t g_searchStartPos = 0;
+uint8_t g_failCount = 0;
+uint8_t g_giveUp = 0;
+uint8_t g_ptMoveFrames = 0;
+uint8_t g_ptHold = 0;
+uint32_t g_refocusCause = 0;
+uint32_t g_restartReason = 0;
+uint8_t g_firstAfterZoom = 0;
+uint8_t g_dirCheckArmed = 0;
+uint8_t g_startFresh = 0;
+uint8_t g_focusDone = 0;
+uint8_t g_noPeak = 0;
 
 namespace {
+
+uint8_t g_slowDivider = 0;
+uint16_t g_stateOneFrames = 0;
+uint8_t g_lowLight = 0;
+uint8_t g_hooksInstalled = 0;
+uint8_t g_returnEpisode = 0;
+timeval g_searchStartTime{};
+uint32_t g_startExposure = 0;
+uint16_t g_startIris = 0;
+uint8_t g_upwardMarker = 0;
+
 volatile uint8_t g_distanceAssist = 0;
+
+// Publishes the positions after a zoom change (the command channel's shared record).
+void (*g_publishPositions)() = command_publish_positions;
+
+// Zoom position above which the tele end uses the low-noise filter profile.
+constexpr uint16_t kFilterZoomSplit = 5682;
+
+void on_low_light(uint8_t low_light) {
+    g_lowLight = low_light != 0 ? 1 : 0;
+}
+
+// The statistics side reads the zone's block weights and the tracking trigger directly.
+void install_hooks() {
+    if (g_hooksInstalled)
+        return;
+    g_hooksInstalled = 1;
+    highlight_set_block_weights(g_focusZone.blockMask);
+    isp_set_low_light_listener(on_low_light);
+    g_lowLight = get_statistics_mode() != 0 ? 1 : 0;
+}
+
+uint16_t digital_zoom() {
+    const uint32_t d = command_get_ezoom();
+    return static_cast<uint16_t>(d > 0xFFFF ? 0xFFFF : d);
+}
+
+uint32_t absdiff(uint32_t a, uint32_t b) {
+    return a > b ? a - b : b - a;
+}
+
+// Restart bookkeeping shared by the restart paths: a new search will be prepared.
+void clear_search_markers() {
+    g_lowContrastRetry = 0;
+    g_regionCollapseCount = 0;
+    g_regionCount2 = 0;
+    g_motionHint = 0;
+}
+
+bool check_restart() {
+    const uint16_t z = af_zoom();
+    const uint16_t d = digital_zoom();
+    bool restart = false;
+    const bool request = g_refocusRequest == 1;
+    if (z == g_lastZoom && d == g_lastDigitalZoom && !request) {
+        restart = exposure_change_test(g_afState != 0 ? 1 : 0) == 1;
+    } else {
+        restart = true;
+    }
+    if (!restart) {
+        // A focus outside the range (a manual move, a new range) starts over.
+        const uint16_t f = af_focus();
+        if (f < g_lowerBound || f > g_upperBound) {
+            g_refocusCause = 9;
+            g_lastAfPos = f;
+            SelectSearchZone();
+            g_afState = 0;
+            g_lowContrastRetry = 0;
+            FineReset(0);
+            g_regionCollapseCount = 0;
+            g_regionCount2 = 0;
+            g_motionHint = 0;
+            g_markerA = 1;
+            g_pointLightMeasure = 0;
+            g_zoneChoiceArmed = 1;
+        }
+        return false;
+    }
+    // 1. A digital zoom alone does not move the optics.
+    if (z == g_lastZoom && d != g_lastDigitalZoom && !request) {
+        g_lastDigitalZoom = d;
+        return false;
+    }
+    if (get_window_preset() == 3)
+        g_blockPath = d == 0 ? 1 : 0;
+    const bool zoom_changed = z != g_lastZoom;
+    g_refocusCause = 9;
+    g_focusZone.reset_block_mask();
+    g_trackLock = 0;
+    g_lastDigitalZoom = d;
+    g_giveUp = 0;
+    FineReset(0);
+    g_lastAfPos = af_focus();
+    g_searchStartPos = af_focus();
+    g_afState = 0;
+    // Zooming in moves the in-focus position towards smaller focus positions.
+    g_searchDir = z > g_lastZoom ? 1 : 2;
+    update_peak_map(0);
+    g_hitLower = g_hitUpper = 0;
+    SnapshotReference();
+    clear_search_markers();
+    if (zoom_changed || request) {
+        g_restartReason = 0;
+        g_dirCheckArmed = 1;
+        ResetTrackBounds();
+        scene_clear_events();
+        g_detailTestOn = 1;
+        g_visitMin = g_upperBound;
+        g_visitMax = g_lowerBound;
+        g_startFresh = 1;
+    }
+    if (zoom_changed) {
+        g_publishPositions();
+        focused_range_reset();
+        g_firstAfterZoom = 1;
+        if (g_lastZoom <= kFilterZoomSplit && z > kFilterZoomSplit && g_lastZoom != 10000) {
+            set_filter_param(1, 2, 60, 80);
+            set_statistics_mode(0);
+            platform::sleep_us(10000);
+        } else if (g_lastZoom > kFilterZoomSplit && g_lastZoom != 10000 && z <= kFilterZoomSplit) {
+            if (get_exp_gain_ratio() > 119)
+                set_filter_param(3, 3, 80, 80);
+            else
+                set_filter_param(1, 2, 60, 80);
+            platform::sleep_us(10000);
+        }
+    } else {
+        SelectSearchZone();
+    }
+    g_lastZoom = z;
+    g_refocusRequest = 0;
+    SetSearchBounds();
+    g_dirHold = 0;
+    platform::wall_time(&g_searchStartTime);
+    g_markerA = 1;
+    g_pointLightMeasure = 0;
+    g_zoneChoiceArmed = 1;
+    g_hintAtSettle = 1;
+    return true;
+}
+
+bool sharpness_test(uint8_t sensitivity, uint32_t v) {
+    static constexpr uint32_t kT[16] = {0,   0,   100, 200, 300, 400, 450, 500,
+                                        500, 500, 500, 500, 550, 600, 650, 700};
+    if (!af_low_light())
+        return false;
+    const uint32_t T = kT[(af_zoom() / 512) & 15];
+    if (sensitivity == 1)
+        return v > T + 400 || (g_zoneType > 1 && v > T + 300);
+    return v > T + 400;
+}
+
+// Whether a search starts with the coarse approach (true) or straight in the fine scan.
+bool start_phase_is_coarse() {
+    const uint16_t z = af_zoom();
+    const uint8_t* wm = g_focusZone.windowMask;
+    if (g_startFresh == 1) {
+        uint8_t n = 0;
+        for (int w = 0; w < kWindowCount; ++w)
+            n += wm[w] != 0;
+        if (z >= 1000) {
+            uint8_t count = 0;
+            for (int w = 0; w < kWindowCount; ++w) {
+                if (wm[w] == 0)
+                    continue;
+                const uint32_t v = get_window_sharpness(static_cast<uint8_t>(w));
+                if (z >= 1500 && v > 1500)
+                    return false;
+                if (sharpness_test(z >= 1500 ? 0 : 1, v))
+                    ++count;
+                if (z >= 1500) {
+                    if (count > 1 || (n > 0 && count * 2 >= n && count > 0) || n == 1)
+                        return false;
+                } else if (count > 3 || (count == n && count > 0)) {
+                    return false;
+                }
+            }
+            return true;
+        }
+        uint32_t largest = 0;
+        uint8_t below = 0;
+        for (int w = 0; w < kWindowCount; ++w) {
+            if (wm[w] == 0)
+                continue;
+            const uint32_t v = get_window_sharpness(static_cast<uint8_t>(w));
+            largest = v > largest ? v : largest;
+            below += v < 1200;
+        }
+        if (largest >= 1600)
+            return below + 1 >= n && n > 1;
+        if (n > 1)
+            return true;
+        if (wm[12] == 0)
+            return false;
+        uint8_t dim_lights = 0;
+        for (int w = 0; w < kWindowCount; ++w)
+            if (is_highlight_window(w) && get_window_sharpness(static_cast<uint8_t>(w)) < 600)
+                ++dim_lights;
+        return dim_lights > 3;
+    }
+    // A refocus from a focused picture: the comparison of the focus grid with the later grid
+    // belongs to the focused watch; without it the scene counts as unchanged in sharpness.
+    if (z > 3746 && !af_low_light() && (g_sceneResult.event == 0 || g_sceneResult.event == 1))
+        return true;
+    return true;
+}
+
+void choose_start_direction() {
+    const uint16_t p = af_focus();
+    const uint16_t p0 = g_posHist[0];
+    const int32_t B = af_curve_base();
+    // 1. A refocus asked by the focused watch: the focused-position range says where the subject
+    //    went.
+    if (g_restartReason == 1 || g_restartReason == 2) {
+        const uint16_t lo = g_focusedRange[0];
+        const uint16_t hi = g_focusedRange[1];
+        if (hi > lo) {
+            const uint32_t W = hi - lo;
+            if (W > 10) {
+                if (absdiff(p, lo) < W / 3)
+                    g_searchDir = 2;
+                else if (absdiff(p, hi) < W / 3)
+                    g_searchDir = 1;
+            }
+        }
+    }
+    // 2. Outside the range: step in and search inwards.
+    if (p0 < g_lowerBound) {
+        uint32_t d = g_lowerBound - p0;
+        lens_move(0, 0, 1, static_cast<uint8_t>(d > 30 ? 30 : d));
+        g_searchDir = 2;
+        g_hitLower = 1;
+        g_lastAfPos = af_focus();
+    } else if (p0 > g_upperBound) {
+        uint32_t d = p0 - g_upperBound;
+        lens_move(0, 0, 0, static_cast<uint8_t>(d > 30 ? 30 : d));
+        g_searchDir = 1;
+        g_hitUpper = 1;
+        g_lastAfPos = af_focus();
+    } else {
+        if (g_fullMaskFlag == 1 && g_blockPath == 1 && g_firstAfterZoom == 1 && g_dirCheckArmed) {
+            uint8_t c = 0;
+            bool all_dim = true;
+            for (int w = 0; w < kWindowCount; ++w) {
+                const uint32_t v = get_window_sharpness(static_cast<uint8_t>(w));
+                if (g_focusZone.windowMask[w] != 0 && v > 1000)
+                    ++c;
+                if (v >= 601)
+                    all_dim = false;
+            }
+            uint32_t grid[kGridBlocks];
+            af_stat_grid_by_kind(grid, 4);
+            const bool D = IsDarkFlat(grid);
+            if (p > B + af_far_offset(27) && D)
+                g_searchDir = 1;
+            else if (p < B + af_far_offset(15) && D)
+                g_searchDir = 2;
+            else if (p > B + af_far_offset(32) + 5)
+                g_searchDir = all_dim ? 2 : 1;
+            else if (c == 0)
+                g_searchDir = 2;
+            else
+                g_searchDir = 1;
+            g_dirCheckArmed = 0;
+        }
+        if (g_sceneResult.event == 1)
+            g_searchDir = 2;
+        if (p < B - 50)
+            g_searchDir = 2;
+        else if (p > B + af_far_offset(50) + 50)
+            g_searchDir = 1;
+    }
+    // 3. Distance assist: a subject nearer than the focus asks for larger positions.
+    if (distance_assist_active() && g_currentDistance < 3000 && p < expected_focus_now())
+        g_searchDir = 2;
+}
+
+void restart_preparation() {
+    if (g_restartReason == 1 || g_restartReason == 2) {
+        g_trackLock = 0;
+        update_peak_map(0);
+        g_regionCollapseCount = 0;
+        g_regionCount2 = 0;
+        g_pointLightMeasure = 0;
+        g_windowAverage = 0;
+        g_hitLower = g_hitUpper = 0;
+        g_lumaCheckArmed = 1;
+        point_light_rearm_watch(2);
+    }
+    SnapshotReference();
+    if (g_firstAfterZoom == 1) {
+        g_lumaCheckArmed = 1;
+        point_light_rearm_watch(2);
+        g_nearEndTried = g_farEndTried = 0;
+        g_hintAtSettle = 1;
+        scene_clear_result();
+    }
+    g_nearEndTried = g_farEndTried = 0;
+    g_refocusRequest = 0;
+    g_distanceAtStart = g_currentDistance;
+    distance_assist_refresh();
+}
+
+void start_search() {
+    SetBestFv(50);
+    g_giveUp = 0;
+    g_pointLightStartMarker = 0;
+    const uint32_t exposure = get_exposure_mode();
+    SetSearchBounds();
+    if (exposure < 10) {
+        set_statistics_mode(0);
+        g_presetFlag = 0;
+    } else if (exposure > 12) {
+        set_statistics_mode(2);
+        g_presetFlag = 1;
+    }
+    // A new filter profile needs a frame before its statistics are valid.
+    if (isp_auto_filter_update() != 0)
+        return;
+    restart_preparation();
+    clear_trend_series();
+    point_light_clear_series();
+    g_framesInDir = 0;
+    uint32_t grid[kGridBlocks];
+    af_stat_grid_by_kind(grid, 4);
+    g_plSeriesArmed = IsDarkFlat(grid) ? 1 : 0;
+    PushRestartReason(g_restartReason);
+    if (g_restartReason != 1)
+        g_sceneResult.event = kObjectNon;
+    g_motionHint = AllReasonsTwo() ? 0 : 1;
+    fh_reset_for_search();
+    const uint16_t p = af_focus();
+    fh_set_position(p, 1);
+    fh_event_append(1, 4, p);
+    uint32_t hgrid[kGridBlocks];
+    af_stat_grid_by_kind(hgrid, 5);
+    fh_record_sample(g_gridHist[0], hgrid, p);
+    g_lastZoom = af_zoom();
+    watch_clear_reference_mask();
+    g_noPeak = 0;
+    if (g_firstAfterZoom == 1) {
+        g_visitMin = g_upperBound;
+        g_visitMax = g_lowerBound;
+    }
+    PrepareWatch();
+    ChooseStartZone();
+    RefineStartZone();
+    g_pointLightZone = SceneHasDetail();
+    choose_start_direction();
+
+    // 4. Inside the range the search begins.
+    const uint16_t f = af_focus();
+    if (f >= g_lowerBound && f <= g_upperBound) {
+        g_zoneChoiceArmed = 0;
+        g_afState = 1;
+        g_searchPhase = start_phase_is_coarse() ? 1 : 3;
+        const int32_t B = af_curve_base();
+        if (f < B - 50 || f > B + af_far_offset(50) + 50)
+            g_searchPhase = 1;
+        if (g_pointLightMeasure != 0)
+            g_searchPhase = 3;
+        g_startedFine = g_searchPhase == 3 ? 1 : 0;
+        g_startExposure = get_exp_gain_ratio();
+        g_startIris = 0;
+        // The distance-assisted jump and region search plug in here.
+        if (g_sceneResult.event == kObjectConFar)
+            g_upwardMarker = 1;
+        if (g_upwardMarker)
+            g_searchDir = 2;
+        g_upwardMarker = 0;
+    }
+    g_searchStartPos = f;
+}
+
+void unsuccessful_finish() {
+    g_finalStep = 1;
+    g_finalReturn = 0;
+    g_focusZone.reset_block_mask();
+    g_trackLock = 0;
+    af_stat_fetch(1);
+    g_hitLower = g_hitUpper = 0;
+    update_peak_map(0);
+    g_regionCollapseCount = 0;
+    g_regionCount2 = 0;
+    g_failCount = 0;
+    g_motionHint = 0;
+    g_afState = 2;
+    watch_set_reference_windows();
+    SetBestFv(50);
+    g_searchPhase = 9;
+    g_noPeak = 1;
+}
+
+// Drives towards the best place seen after a search found no peak. Returns true on arrival.
+bool return_to_best_seen() {
+    const uint16_t target = g_searchMaxWindow > 99 ? g_searchMaxWindowPos : g_searchStartPos;
+    g_returnEpisode = 0;
+    const uint16_t p = af_focus();
+    if (p == target || (g_frameMaxWindow >= g_searchMaxWindow && g_frameMaxWindow >= 101))
+        return true;
+    const uint32_t want = target < p ? 1 : 2;
+    if (g_searchDir == want) {
+        const uint32_t d = absdiff(target, p);
+        StepMove(static_cast<uint16_t>(d > 30 ? 30 : d));
+    } else {
+        g_searchDir = want;
+    }
+    return false;
+}
+
+void search_frame() {
+    const uint16_t f = af_focus();
+    // 1. Visited range.
+    if (f < g_visitMin)
+        g_visitMin = f;
+    if (f > g_visitMax)
+        g_visitMax = f;
+    if (g_visitMin < g_lowerBound)
+        g_visitMin = g_lowerBound;
+    if (g_visitMax > g_upperBound)
+        g_visitMax = g_upperBound;
+    // 2. The frame after a turn still shows the old side: skip it.
+    if (g_searchDir != g_lastDirSeen) {
+        g_lastDirSeen = static_cast<uint16_t>(g_searchDir);
+        return;
+    }
+    // 3. Divider.
+    if (g_searchPhase == 2) {
+        if (g_slowDivider)
+            af_set_slow_divider(false);
+    } else if (!g_slowDivider) {
+        af_set_slow_divider(true);
+        return;
+    }
+    // 5. Region search frames.
+    if (g_searchPhase == 8) {
+        af_stat_copy_grid(StatGrid::kSharpV, g_gridHist[0]);
+        region_search(1);
+        return;
+    }
+    // 6. Sample and step.
+    if (SampleFrame())
+        return;
+    const uint16_t moved_from = g_posHist[1];
+    if ((g_finalReturn == 0 && g_hitLower && g_hitUpper && moved_from == f) || g_giveUp == 1) {
+        SetSearchBounds();
+        if (return_to_best_seen()) {
+            ++g_failCount;
+            g_hitLower = g_hitUpper = 0;
+            g_giveUp = 0;
+            const uint32_t smax = g_searchMaxWindow;
+            if (!g_pointLightZone || g_failCount > 1 || smax / 2 < g_frameMaxWindow ||
+                g_changedDuringSearch) {
+                unsuccessful_finish();
+            } else {
+                // One more try with the sharpest single window.
+                g_searchPhase = 1;
+                g_retryMarker = 1;
+                SetBestFv(50);
+                uint8_t best = 0;
+                uint32_t v = 50;
+                for (uint8_t w = 0; w < kWindowCount; ++w)
+                    if (g_winHist[0][w] > v) {
+                        v = g_winHist[0][w];
+                        best = w;
+                    }
+                g_focusZone.clear_window_mask();
+                g_focusZone.windowMask[best] = 1;
+            }
+        } else {
+            g_searchPhase = 9;
+        }
+        return;
+    }
+    CountDirectionFrames();
+    switch (g_searchPhase) {
+        case 1:
+            update_running_extremes();
+            CoarseStep();
+            ClimbReset();
+            break;
+        case 2:
+            update_running_extremes();
+            ClimbStep();
+            CoarseReset();
+            g_retryMarker = 0;
+            FineReset(get_statistics_mode() == 0 ? 3 : 0);
+            break;
+        case 3:
+            clear_final_counters();
+            AnchorSet(1);
+            FineStep();
+            break;
+        case 4:
+            FinalStep();
+            FineReset(0);
+            g_retryMarker = 0;
+            g_fineRetries = 0;
+            break;
+        default:
+            break;
+    }
+    g_lastAfPos = af_focus();
+    if (g_afState == 2) {
+        highlight_clear_latched();
+        fh_set_position(af_focus(), 0);
+        if (command_autofocus_mode() == 3 && g_oneShotStage == 1)
+            g_oneShotStage = 2;
+    }
+}
+
+void pan_tilt_moving() {
+    if (g_ptMoveFrames < 255)
+        ++g_ptMoveFrames;
+    update_peak_map(0);
+    g_regionCollapseCount = 0;
+    g_regionCount2 = 0;
+    ResetZoneCross();
+    g_firstAfterZoom = 1;
+    g_restartReason = 0;
+    ResetTrackBounds();
+    scene_clear_events();
+    g_dirHold = 0;
+    focused_range_reset();
+    g_markerA = 1;
+    g_detailTestOn = 1;
+    g_pointLightMeasure = 0;
+    g_startFresh = 1;
+    g_zoneChoiceArmed = 1;
+    g_dirCheckArmed = 1;
+}
+
+void restart_for_head() {
+    g_ptHold = 10;
+    g_refocusCause = 9;
+    g_failCount = 0;
+    g_hitLower = g_hitUpper = 0;
+    g_afState = 0;
+    g_lowContrastRetry = 0;
+    g_motionHint = 0;
+    if (g_blockPath == 0)
+        ResetZoneCross();
+    else
+        g_trackLock = 0;
+}
+
+}  // namespace
+
+uint8_t af_low_light() {
+    return g_lowLight;
+}
+
+uint16_t af_zoom() {
+    return lens_get_zoom_pos();
+}
+
+uint16_t af_focus() {
+    return lens_get_focus_pos();
+}
+
+uint16_t af_curve_base() {
+    return curve_get_point(af_zoom() / 32);
+}
+
+int32_t af_far_offset(uint8_t row) {
+    const uint16_t s = af_zoom() / 32;
+    const uint16_t zs = static_cast<uint16_t>(s * 32);
+    return static_cast<int32_t>(curve_focus_at(static_cast<uint8_t>(row + 1), zs)) -
+           static_cast<int32_t>(curve_get_point(s));
+}
+
+uint8_t af_slow_divider() {
+    return g_slowDivider;
+}
+
+void af_set_slow_divider(bool slow) {
+    g_slowDivider = slow ? 1 : 0;
+    set_af_divider(slow);
+}
+
+void FlipDirection() {
+    if (g_dirHold)
+        return;
+    g_searchDir = g_searchDir == 1 ? 2 : 1;
+}
+
+void SetSearchBounds() {
+    const uint16_t z = af_zoom();
+    g_lowerBound = curve_get_lower_bound(z / 32);
+    g_upperBound = curve_get_upper_bound(z / 32);
+    g_nearThreshold = static_cast<uint16_t>((2u * curve_focus_at(0, z) + g_lowerBound) / 3);
+    g_farThreshold = g_upperBound;
+}
+
+void CountDirectionFrames() {
+    if (g_searchDir != g_lastDirSeen) {
+        g_lastDirSeen = static_cast<uint16_t>(g_searchDir);
+        g_framesInDir = 1;
+        g_dirChangePos = af_focus();
+    } else {
+        ++g_framesInDir;
+    }
+}
+
+void AfFrame() {
+    install_hooks();
+    // 1-2.
+    g_zoomMotionMarker = 0;
+    if (check_restart())
+        return;
+    // 3. The first searching frame takes a fresh reference from a settled picture.
+    if (g_afState == 1) {
+        if (++g_stateOneFrames == 1) {
+            SnapshotReference();
+            g_afState = 1;
+        }
+    } else {
+        g_stateOneFrames = 0;
+    }
+    // 4-6. Pan/tilt: hold the search while the head moves, restart once it has stopped.
+    const bool head_moving = command_pt_moving() != 0;
+    if (head_moving) {
+        pan_tilt_moving();
+        if (g_ptMoveFrames < 255) {
+            SetBestFv(50);
+            if (g_ptHold == 0)
+                g_ptHold = 2;
+            else
+                restart_for_head();
+        }
+    } else {
+        g_ptMoveFrames = 0;
+        if (g_ptHold != 0) {
+            if (g_ptHold > 2 && g_ptHold < 9) {
+                const uint32_t column = (get_window_sharpness(7) + get_window_sharpness(12) +
+                                         get_window_sharpness(17)) /
+                                        3;
+                if (g_afState == 2 && column > 999) {
+                    g_motionHint = 0;
+                } else {
+                    g_refocusCause = 9;
+                    g_lastAfPos = af_focus();
+                    g_hitLower = g_hitUpper = 0;
+                    g_afState = 0;
+                    g_lowContrastRetry = 0;
+                }
+            }
+            g_ptHold = g_ptHold > 6 ? static_cast<uint8_t>(g_ptHold - 6) : 0;
+            platform::wall_time(&g_searchStartTime);
+        }
+    }
+    // 7. A tracker trigger (tracking-region focus) plugs in here.
+    highlight_set_box_result(g_triggerKind);
+    // 8.
+    if (g_ptHold == 0) {
+        switch (g_afState) {
+            case 0:
+                if (!g_slowDivider) {
+                    af_set_slow_divider(true);
+                    break;
+                }
+                start_search();
+                reset_search_max_window();
+                CoarseReset();
+                FineReset(0);
+                update_peak_map(0);
+                reset_running_extremes();
+                g_changedDuringSearch = 0;
+                highlight_disarm_update();
+                g_rule3Acted = 0;
+                g_lastDirSeen = static_cast<uint16_t>(g_searchDir);
+                g_markerC = 1;
+                g_zoneResetCountdown = 3;
+                break;
+            case 1:
+                search_frame();
+                FocusWatch(0);
+                g_dirHold = 0;
+                if (g_afState == 2)
+                    af_set_slow_divider(true);
+                if (g_afState == 0)
+                    g_sceneResult.decision = 0;
+                break;
+            case 2:
+                if (!g_slowDivider) {
+                    af_set_slow_divider(true);
+                    break;
+                }
+                g_failCount = 0;
+                g_markerA = 1;
+                g_detailTestOn = 1;
+                ResetTrackBounds();
+                FineReset(2);
+                if (distance_assist_active() && expected_focus_now() < g_lowerBound)
+                    g_lowerBound = expected_focus_now() <= 50
+                                       ? 0
+                                       : static_cast<uint16_t>(expected_focus_now() - 50);
+                FocusWatch(1);
+                g_firstAfterZoom = 0;
+                g_focusDone = 1;
+                g_lastAfPos = af_focus();
+                g_searchStartPos = af_focus();
+                if (g_afState != 2) {
+                    g_visitMin = g_upperBound;
+                    g_visitMax = g_lowerBound;
+                }
+                g_startFresh = 0;
+                g_triggerKind = 0;
+                break;
+            default:
+                break;
+        }
+    }
+    // 9.
+    if (g_afState != 2)
+        g_watchBegun = 0;
+}
+
+void ReturnToLastPosition() {
+    SetSearchBounds();
+    uint16_t target = g_lastAfPos;
+    if (target < g_lowerBound)
+        target = g_lowerBound;
+    if (target > g_upperBound)
+        target = g_upperBound;
+    g_lastAfPos = target;
+    const uint16_t p = af_focus();
+    if (p < target) {
+        g_searchDir = 2;
+        const uint32_t d = target - p;
+        StepMove(static_cast<uint16_t>(d > 30 ? 30 : d));
+    } else if (p > target) {
+        g_searchDir = 1;
+        const uint32_t d = p - target;
+        StepMove(static_cast<uint16_t>(d > 30 ? 30 : d));
+    }
+    if (af_focus() == target)
+        g_returnToLast = 0;
 }
 
 uint8_t get_distance_assist_mode() {
@@ -28,4 +808,61 @@ uint8_t get_distance_assist_mode() {
 }
 void set_distance_assist_mode(uint8_t on) {
     g_distanceAssist = on;
+}
+
+void refresh_window_mask(uint8_t use_isp) {
+    if (use_isp == 0) {
+        g_fullMaskFlag = 1;
+        return;
+    }
+    uint8_t mask[kWindowCount];
+    if (isp_read_window_mask(mask) == 1) {
+        g_fullMaskFlag = 1;
+        return;
+    }
+    g_fullMaskFlag = 0;
+}
+
+void af_set_position_publisher_for_testing(void (*publish)()) {
+    g_publishPositions = publish ? publish : command_publish_positions;
+}
+
+void af_reset_for_testing() {
+    g_afState = 0;
+    g_refocusRequest = 0;
+    g_returnToLast = 0;
+    g_oneShotStage = 0;
+    g_zoomMotionMarker = 0;
+    g_lastAfPos = 0;
+    g_searchPhase = 1;
+    g_searchDir = 2;
+    g_lastDirSeen = 2;
+    g_framesInDir = 0;
+    g_hitLower = g_hitUpper = 0;
+    g_lastZoom = 10000;
+    g_lastDigitalZoom = 0;
+    g_searchStartPos = 0;
+    g_failCount = 0;
+    g_giveUp = 0;
+    g_ptMoveFrames = 0;
+    g_ptHold = 0;
+    g_refocusCause = 0;
+    g_restartReason = 0;
+    g_firstAfterZoom = 0;
+    g_dirCheckArmed = 0;
+    g_startFresh = 0;
+    g_focusDone = 0;
+    g_noPeak = 0;
+    g_slowDivider = 0;
+    g_stateOneFrames = 0;
+    g_hooksInstalled = 0;
+    g_upwardMarker = 0;
+    focus_zone_reset_for_testing();
+    focus_value_reset_for_testing();
+    contrast_search_reset_for_testing();
+    fine_scan_reset_for_testing();
+    af_seams_reset_for_testing();
+    scene_clear_result();
+    fh_reset_for_testing();
+    SetSearchBounds();
 }

@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-// AF state: 0 start, 1 searching, 2 focused.
+// AF state: 0 start (a search is being prepared), 1 searching, 2 focused (watching).
 extern volatile uint8_t g_afState;
 extern volatile uint8_t g_refocusRequest;
 extern volatile uint8_t g_returnToLast;
@@ -29,3 +29,8 @@ void set_distance_assist_mode(uint8_t on);
 
 // Sets the 25 AF windows; use_isp = 1 reads the window mask from the ISP.
 void refresh_window_mask(uint8_t use_isp);
+
+// Every autofocus module back to its power-on state (tests).
+void af_reset_for_testing();
+// Replaces the position publishing a zoom restart does (nullptr restores it).
+void af_set_position_publisher_for_testing(void (*publish)());
