@@ -72,6 +72,7 @@ timeval g_searchStartTime{};
 uint32_t g_startExposure = 0;
 uint16_t g_startIris = 0;
 uint8_t g_upwardMarker = 0;
+uint32_t g_countedDir = 0;
 
 volatile uint8_t g_distanceAssist = 0;
 
@@ -506,8 +507,10 @@ void search_frame() {
     // 6. Sample and step.
     if (SampleFrame())
         return;
-    const uint16_t moved_from = g_posHist[1];
-    if ((g_finalReturn == 0 && g_hitLower && g_hitUpper && moved_from == f) || g_giveUp == 1) {
+    // No peak: both ends of the range were reached and the lens stands still or is back at an
+    // end. Nothing between the ends peaked, so go back to the best place seen.
+    const bool at_rest = g_posHist[1] == f || f <= g_lowerBound || f >= g_upperBound;
+    if ((g_finalReturn == 0 && g_hitLower && g_hitUpper && at_rest) || g_giveUp == 1) {
         SetSearchBounds();
         if (return_to_best_seen()) {
             ++g_failCount;
@@ -658,8 +661,10 @@ void SetSearchBounds() {
 }
 
 void CountDirectionFrames() {
-    if (g_searchDir != g_lastDirSeen) {
-        g_lastDirSeen = static_cast<uint16_t>(g_searchDir);
+    // Its own memory of the direction: the skip of the frame after a turn has already taken
+    // g_lastDirSeen along.
+    if (g_searchDir != g_countedDir) {
+        g_countedDir = g_searchDir;
         g_framesInDir = 1;
         g_dirChangePos = af_focus();
     } else {
@@ -857,6 +862,7 @@ void af_reset_for_testing() {
     g_stateOneFrames = 0;
     g_hooksInstalled = 0;
     g_upwardMarker = 0;
+    g_countedDir = 0;
     focus_zone_reset_for_testing();
     focus_value_reset_for_testing();
     contrast_search_reset_for_testing();

@@ -24,6 +24,8 @@
 #include "tests/support/test_env.h"
 #include "tracking/curves.h"
 
+#include <netinet/in.h>
+
 namespace {
 
 struct Harness {
@@ -253,6 +255,80 @@ TEST_F(AfSearchTest, ZoomChangeRestartsTheSearchTowardsTheZoomDirection) {
     ASSERT_EQ(g_afState, 0) << "the zoom change restarted the search";
     EXPECT_EQ(g_searchDir, 1u);
     EXPECT_EQ(g_refocusCause, 9u);
+}
+
+TEST_F(AfSearchTest, DigitalZoomAloneDoesNotRestartTheSearch) {
+    h_.plane.true_focus = 4300;
+    place(3200, 4300);
+    FrameLoop loop = make_loop();
+    ASSERT_GT(run_until_focused(loop, 3000), 0);
+    command_set_ezoom(200);
+    for (int i = 0; i < 20; ++i)
+        loop.iteration();
+    EXPECT_EQ(g_afState, 2) << "the optics did not move";
+    EXPECT_EQ(g_lastDigitalZoom, 200) << "only remembered";
+    command_set_ezoom(0);
+}
+
+TEST_F(AfSearchTest, PanTiltHoldsTheSearchAndRestartsItAfterTheHeadStops) {
+    h_.plane.true_focus = 4300;
+    h_.plane.peak = 700;  // a soft picture: the centre column is not sharp enough to keep
+    place(3200, 4300);
+    FrameLoop loop = make_loop();
+    ASSERT_GT(run_until_focused(loop, 3000), 0);
+    const sockaddr_in from{};
+    uint8_t move[2 + kMotionCommandWireSize] = {'w', 0};
+    uint8_t stop[2 + kMotionCommandWireSize] = {'w', 0};
+    MotionCommand m{};
+    m.mode = 14;  // pan/tilt moving
+    motion_command_encode(m, move + 2);
+    m.mode = 15;  // pan/tilt stopped
+    motion_command_encode(m, stop + 2);
+    testsupport::capture_stdout([&] { command_process_datagram(move, sizeof move, from); });
+    ASSERT_EQ(command_pt_moving(), 1);
+    const uint16_t at = lens_get_focus_pos();
+    for (int i = 0; i < 40; ++i)
+        loop.iteration();
+    EXPECT_EQ(lens_get_focus_pos(), at) << "no search while the head moves";
+    EXPECT_NE(g_ptHold, 0);
+    testsupport::capture_stdout([&] { command_process_datagram(stop, sizeof stop, from); });
+    int i = 0;
+    while (g_ptHold != 0 && i++ < 20)
+        loop.iteration();
+    EXPECT_EQ(g_ptHold, 0);
+    EXPECT_NE(g_afState, 2) << "a new search follows the stop";
+    ASSERT_GT(run_until_focused(loop, 3000), 0);
+    EXPECT_NEAR(lens_get_focus_pos(), 4300, h_.plane.half_width);
+}
+
+TEST_F(AfSearchTest, ModeTwoHoldsFocusUntilARefocusIsRequested) {
+    h_.plane.true_focus = 4300;
+    place(3200, 3900);
+    command_set_autofocus_mode(2);
+    FrameLoop loop = make_loop();
+    ASSERT_GT(run_until_focused(loop, 3000), 0);
+    h_.plane.true_focus = 4100;  // the subject moves; mode 2 does not follow by itself
+    const uint16_t at = lens_get_focus_pos();
+    for (int i = 0; i < 100; ++i)
+        loop.iteration();
+    EXPECT_EQ(lens_get_focus_pos(), at);
+    g_refocusRequest = 1;
+    ASSERT_GT(run_until_focused(loop, 3000), 0);
+    EXPECT_NEAR(lens_get_focus_pos(), 4100, h_.plane.half_width);
+}
+
+TEST_F(AfSearchTest, FeaturelessWallEndsFocusedWithoutHunting) {
+    h_.plane.peak = 62;  // no contrast worth the name anywhere
+    h_.plane.floor = 60;
+    place(3200, 4100);
+    FrameLoop loop = make_loop();
+    const int frames = run_until_focused(loop, 8000);
+    ASSERT_GT(frames, 0) << "a flat scene still ends, at the best place seen";
+    const uint16_t at = lens_get_focus_pos();
+    for (int i = 0; i < 200; ++i)
+        loop.iteration();
+    EXPECT_EQ(lens_get_focus_pos(), at) << "and stays there";
+    std::printf("[ af e2e ] featureless wall: %d frames\n", frames);
 }
 
 }  // namespace
