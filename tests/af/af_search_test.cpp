@@ -331,4 +331,24 @@ TEST_F(AfSearchTest, FeaturelessWallEndsFocusedWithoutHunting) {
     std::printf("[ af e2e ] featureless wall: %d frames\n", frames);
 }
 
+TEST_F(AfSearchTest, StartBelowTheRangeStepsInByAtMostThirtyBeforeSearching) {
+    h_.plane.true_focus = 3900;
+    place(3200, 3600);  // the range at this zoom starts near 3745
+    FrameLoop loop = make_loop();
+    uint16_t prev = lens_get_focus_pos();
+    bool searched_below = false;
+    for (int i = 0; i < 40 && (g_lowerBound == 0 || lens_get_focus_pos() < g_lowerBound); ++i) {
+        loop.iteration();
+        const uint16_t now = lens_get_focus_pos();
+        EXPECT_LE(now - prev, 30) << "frame " << i;
+        EXPECT_GE(now, prev) << "only inwards";
+        if (g_afState == 1 && now < g_lowerBound)
+            searched_below = true;
+        prev = now;
+    }
+    EXPECT_FALSE(searched_below) << "the search itself starts inside the range";
+    ASSERT_GT(run_until_focused(loop, 3000), 0);
+    EXPECT_NEAR(lens_get_focus_pos(), 3900, h_.plane.half_width);
+}
+
 }  // namespace
