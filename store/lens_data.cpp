@@ -26,15 +26,36 @@ constexpr int kIrisReadMax = 200;
 
 uint16_t g_lensParam[kLensParamEntries];
 
+// The binary files are arrays of little-endian u16, decoded and encoded byte by byte so that
+// the files mean the same on any host.
+constexpr int kMaxU16Entries = 512;
+
 // Reads up to n u16 entries; returns how many complete entries were read, -1 if missing.
 int read_u16_file(const char* abs_path, uint16_t* buffer, int n) {
     platform::Path p(abs_path);
     FILE* f = std::fopen(p.c_str(), "rb");
     if (f == nullptr)
         return -1;
-    const std::size_t got = std::fread(buffer, sizeof(uint16_t), static_cast<std::size_t>(n), f);
+    if (n > kMaxU16Entries)
+        n = kMaxU16Entries;
+    uint8_t bytes[2 * kMaxU16Entries];
+    const std::size_t got = std::fread(bytes, 2, static_cast<std::size_t>(n), f);
     std::fclose(f);
+    for (std::size_t i = 0; i < got; ++i)
+        buffer[i] = static_cast<uint16_t>(bytes[2 * i] | (bytes[2 * i + 1] << 8));
     return static_cast<int>(got);
+}
+
+// Writes n u16 entries little-endian through the atomic save.
+int write_u16_file(const char* abs_path, const uint16_t* buffer, int n) {
+    if (n > kMaxU16Entries)
+        n = kMaxU16Entries;
+    uint8_t bytes[2 * kMaxU16Entries];
+    for (int i = 0; i < n; ++i) {
+        bytes[2 * i] = static_cast<uint8_t>(buffer[i] & 0xFF);
+        bytes[2 * i + 1] = static_cast<uint8_t>(buffer[i] >> 8);
+    }
+    return atomic_file_write(abs_path, bytes, static_cast<std::size_t>(n) * 2);
 }
 
 int read_text_file(const char* abs_path, char* buffer, uint16_t size) {
@@ -76,8 +97,7 @@ int curve_file_write(const uint16_t* buffer, int n) {
         return 0;
     }
     platform::sleep_us(kCurveWritePauseUs);
-    const int rc =
-        atomic_file_write(kCurveFilePath, buffer, static_cast<std::size_t>(n) * sizeof(uint16_t));
+    const int rc = write_u16_file(kCurveFilePath, buffer, n);
     if (rc == kAtomicOpenFailed) {
         dbg_line("curve.dat Open Fail!");
         return 0;
@@ -103,8 +123,7 @@ int lens_param_write(uint16_t* buffer, int n) {
     if (buffer == nullptr || n <= 0)
         return 0;
     buffer[n - 1] = kLensParamValid;
-    const int rc =
-        atomic_file_write(kLensParamPath, buffer, static_cast<std::size_t>(n) * sizeof(uint16_t));
+    const int rc = write_u16_file(kLensParamPath, buffer, n);
     if (rc == kAtomicOpenFailed) {
         dbg_line("lens_parameter.dat Open Fail!");
         return 0;

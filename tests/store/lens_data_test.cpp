@@ -201,3 +201,35 @@ TEST_F(LensDataTest, KillAtEveryStepOfASaveLeavesTheOldOrTheNewRecord) {
 }
 
 }  // namespace
+
+namespace {
+
+// The binary files are little-endian u16 arrays whatever the host: fixed bytes on disk.
+TEST_F(LensDataTest, BinaryFilesAreLittleEndianOnDisk) {
+    uint16_t curve[kCurveEntries] = {};
+    curve[0] = 0x1234;
+    curve[kCurveEntries - 1] = kCurveFullForm;
+    ASSERT_EQ(capture_stdout([&] { EXPECT_EQ(curve_file_write(curve, kCurveEntries), 1); }), "");
+    const std::string c = slurp(root.host(kCurveFilePath));
+    ASSERT_EQ(c.size(), 2u * kCurveEntries);
+    EXPECT_EQ(static_cast<uint8_t>(c[0]), 0x34);
+    EXPECT_EQ(static_cast<uint8_t>(c[1]), 0x12);
+    EXPECT_EQ(static_cast<uint8_t>(c[416]), 0x44);
+    EXPECT_EQ(static_cast<uint8_t>(c[417]), 0xAA);
+
+    uint16_t params[kLensParamEntries] = {};
+    params[8] = 6500;
+    ASSERT_EQ(lens_param_write(params, kLensParamEntries), 1);
+    const std::string p = slurp(root.host(kLensParamPath));
+    ASSERT_EQ(p.size(), 200u);
+    EXPECT_EQ(static_cast<uint8_t>(p[198]), 0xAA) << "validity mark 0x55AA, low byte first";
+    EXPECT_EQ(static_cast<uint8_t>(p[199]), 0x55);
+    EXPECT_EQ(static_cast<uint8_t>(p[16]) | (static_cast<uint8_t>(p[17]) << 8), 6500);
+
+    put(kCurveFilePath, std::string("\x01\x02", 2) + std::string(2 * kCurveEntries - 2, '\0'));
+    uint16_t back[kCurveEntries] = {};
+    curve_file_read(back, kCurveEntries);
+    EXPECT_EQ(back[0], 0x0201);
+}
+
+}  // namespace
