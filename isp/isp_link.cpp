@@ -219,6 +219,17 @@ int open_link(const char** what) {
         *what = "connect";
         return -1;
     }
+    // With no service listening on a port inside the ephemeral range, a loopback connect can pick
+    // that very port as its source and connect to itself. Such a link talks to nobody and holds
+    // the port against the service coming back: refuse it.
+    sockaddr_in local{};
+    socklen_t len = sizeof local;
+    if (getsockname(fd, reinterpret_cast<sockaddr*>(&local), &len) == 0 &&
+        local.sin_port == addr.sin_port && local.sin_addr.s_addr == addr.sin_addr.s_addr) {
+        close(fd);
+        *what = "connect";
+        return -1;
+    }
     return fd;
 }
 
