@@ -1,11 +1,21 @@
 #include "lens_api/lens_driver.h"
 
 #include "app/dbgout.h"
+#include "lens_api/gpio_pins.h"
+#include "lens_api/iris.h"
 #include "lens_api/lc898201.h"
+#include "lens_api/lens_ms.h"
 #include "lens_api/lens_position.h"
+#include "lens_api/spi_link.h"
 #include "platform/clock.h"
 
 namespace {
+
+// Bus probe: a register of the LC898201 that holds what is written to it. On a bus with the
+// MS41908 (which ignores frames sent in the other chip's bus mode), with no chip at all, or with
+// a link that cannot be opened, the value does not come back (a failed read gives 0).
+constexpr uint16_t kProbeRegister = 0x0101;
+constexpr uint8_t kProbeValue = 0x82;
 
 // Settling time between the sensor supply and the first sensor read, on top of the supply's own.
 constexpr uint32_t kSensorSettleUs = 1000;
@@ -45,7 +55,17 @@ const LensDriverOps& lens_ops() {
 void lens_detect_chip() {
     g_driver.ops = kLc898201Ops;
     g_driver.is_ms41908 = 0;
-    dbg_line("IC is LC898201 ");
+    spi_lc_write8(kProbeRegister, kProbeValue);
+    if (spi_lc_read8(kProbeRegister) != kProbeValue) {
+        // From here on only the MS41908 link talks on the bus.
+        spi_lc_close();
+        gpio_init_ms();
+        g_driver.ops = kMs41908Ops;
+        g_driver.is_ms41908 = 1;
+    }
+    dbg_line(g_driver.is_ms41908 ? "IC is MS41908 " : "IC is LC898201 ");
+    if (g_driver.is_ms41908)
+        iris_use_ms41908_table();
 }
 
 uint8_t lens_is_ms41908() {
@@ -67,4 +87,8 @@ uint8_t lens_motor_rehome() {
 
 void lens_set_ops_for_testing(const LensDriverOps* ops) {
     g_driver.override_ops = ops;
+}
+
+void lens_driver_reset_for_testing() {
+    g_driver = DriverState{};
 }

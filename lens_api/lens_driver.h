@@ -42,8 +42,11 @@ struct LensDriverOps {
 // The table in force.
 const LensDriverOps& lens_ops();
 
-// Fills the table. Until the bus probe for the second chip exists, this takes the LC898201
-// operations and reports "IC is LC898201 ".
+// Probes the bus and fills the table: writes 0x82 to LC898201 register 0x0101 and reads it back.
+// The value coming back means an LC898201. Anything else (an MS41908, which ignores the other
+// chip's frames, an empty bus, a link that does not open) selects the MS41908: the LC898201 link
+// is closed, the MS41908's GPIO lines are set up and the iris module takes the MS41908 iris table.
+// Prints "IC is MS41908 " or "IC is LC898201 ". Runs once at start-up, before other threads.
 void lens_detect_chip();
 // 1 when the MS41908 drives the lens.
 uint8_t lens_is_ms41908();
@@ -58,3 +61,5 @@ uint8_t lens_motor_rehome();
 // Replaces the table (tests that drive the homing logic through a fake chip). nullptr restores
 // the table chosen by lens_detect_chip.
 void lens_set_ops_for_testing(const LensDriverOps* ops);
+// Back to the LC898201 table and chip flag 0 without probing (tests).
+void lens_driver_reset_for_testing();

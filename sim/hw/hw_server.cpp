@@ -64,19 +64,21 @@ bool hw_config_set(HwConfig& cfg, const std::string& key, const std::string& val
     struct NumKey {
         const char* name;
         double* field;
+        double* ms_field;
         bool non_negative;
     };
+    // The mechanics are the lens's, whichever chip drives it: these keys set both chips.
     const NumKey nums[] = {
-        {"time_unit_us", &cfg.lc.time_unit_us, true},
-        {"zoom_backlash", &cfg.lc.zoom_backlash, true},
-        {"focus_backlash", &cfg.lc.focus_backlash, true},
-        {"zoom_home_edge", &cfg.lc.zoom_home_edge, false},
-        {"focus_home_edge", &cfg.lc.focus_home_edge, false},
-        {"zoom_stop_min", &cfg.lc.zoom_stop_min, false},
-        {"zoom_stop_max", &cfg.lc.zoom_stop_max, false},
-        {"focus_stop_min", &cfg.lc.focus_stop_min, false},
-        {"focus_stop_max", &cfg.lc.focus_stop_max, false},
-        {"hall_centre", &cfg.lc.hall_centre, false},
+        {"time_unit_us", &cfg.lc.time_unit_us, &cfg.ms.time_unit_us, true},
+        {"zoom_backlash", &cfg.lc.zoom_backlash, &cfg.ms.zoom_backlash, true},
+        {"focus_backlash", &cfg.lc.focus_backlash, &cfg.ms.focus_backlash, true},
+        {"zoom_home_edge", &cfg.lc.zoom_home_edge, &cfg.ms.zoom_home_edge, false},
+        {"focus_home_edge", &cfg.lc.focus_home_edge, &cfg.ms.focus_home_edge, false},
+        {"zoom_stop_min", &cfg.lc.zoom_stop_min, &cfg.ms.zoom_stop_min, false},
+        {"zoom_stop_max", &cfg.lc.zoom_stop_max, &cfg.ms.zoom_stop_max, false},
+        {"focus_stop_min", &cfg.lc.focus_stop_min, &cfg.ms.focus_stop_min, false},
+        {"focus_stop_max", &cfg.lc.focus_stop_max, &cfg.ms.focus_stop_max, false},
+        {"hall_centre", &cfg.lc.hall_centre, nullptr, false},
     };
     for (const NumKey& n : nums) {
         if (key != n.name)
@@ -86,15 +88,19 @@ bool hw_config_set(HwConfig& cfg, const std::string& key, const std::string& val
         if (key == "time_unit_us" && d <= 0)
             return bad("must be above 0");
         *n.field = d;
+        if (n.ms_field != nullptr)
+            *n.ms_field = d;
         return true;
     }
     if (key == "chip") {
         if (value == "lc898201")
             cfg.chip = ChipKind::kLc898201;
+        else if (value == "ms41908")
+            cfg.chip = ChipKind::kMs41908;
         else if (value == "none")
             cfg.chip = ChipKind::kNone;
         else
-            return bad("expected lc898201 or none");
+            return bad("expected lc898201, ms41908 or none");
         return true;
     }
     if (key == "spi_bus") {
@@ -109,15 +115,24 @@ bool hw_config_set(HwConfig& cfg, const std::string& key, const std::string& val
         cfg.gpio_present = value == "present";
         return true;
     }
-    if (key == "fault.zoom_home")
-        return parse_sensor(value, &cfg.lc.zoom_sensor) || bad("expected none/stuck_off/stuck_on");
-    if (key == "fault.focus_home")
-        return parse_sensor(value, &cfg.lc.focus_sensor) || bad("expected none/stuck_off/stuck_on");
+    if (key == "fault.zoom_home") {
+        if (!parse_sensor(value, &cfg.lc.zoom_sensor))
+            return bad("expected none/stuck_off/stuck_on");
+        cfg.ms.zoom_sensor = cfg.lc.zoom_sensor;
+        return true;
+    }
+    if (key == "fault.focus_home") {
+        if (!parse_sensor(value, &cfg.lc.focus_sensor))
+            return bad("expected none/stuck_off/stuck_on");
+        cfg.ms.focus_sensor = cfg.lc.focus_sensor;
+        return true;
+    }
     if (key == "fault.zoom_busy" || key == "fault.focus_busy") {
         if (value != "none" && value != "stuck")
             return bad("expected none or stuck");
         (key == "fault.zoom_busy" ? cfg.lc.zoom_busy_stuck : cfg.lc.focus_busy_stuck) =
             value == "stuck";
+        cfg.ms.busy_stuck = cfg.lc.zoom_busy_stuck || cfg.lc.focus_busy_stuck;
         return true;
     }
     if (key == "fault.spi_transfer" || key == "fault.spi_open") {
@@ -177,11 +192,22 @@ HwServer::HwServer(LensMechanics& mech, const HwConfig& cfg)
     : mech_(mech), cfg_(cfg), gpio_(cfg.pins) {
     if (cfg_.chip == ChipKind::kLc898201)
         lc_ = std::make_unique<Lc898201Emu>(mech_, cfg_.lc);
+    else if (cfg_.chip == ChipKind::kMs41908)
+        ms_ = std::make_unique<Ms41908Emu>(mech_, cfg_.ms);
     // The reset line reaches the chip: asserting it clears its registers.
     gpio_.on_reset = [this](bool asserted, uint64_t now_us) {
         if (asserted && lc_)
             lc_->reset(now_us);
+        if (asserted && ms_)
+            ms_->reset(now_us);
     };
+    // The MS41908 takes its strobe from vd and drives pls; the lens's home sensors are wired to
+    // GPIO inputs on that board.
+    gpio_.on_vd_rise = [this](uint64_t now_us) {
+        if (ms_)
+            ms_->vd_rise(now_us);
+    };
+    gpio_.input = [this](uint16_t pin, uint64_t) { return gpio_input(pin); };
     handles_.resize(kFirstHandle);
 }
 
@@ -193,6 +219,27 @@ void HwServer::power_on(double zoom, double focus) {
     std::lock_guard<std::mutex> lock(mu_);
     if (lc_)
         lc_->power_on(zoom, focus, mech_.snapshot().time_us);
+    if (ms_)
+        ms_->power_on(zoom, focus, mech_.snapshot().time_us);
+}
+
+void HwServer::advance_chip(uint64_t now_us) {
+    if (lc_)
+        lc_->advance(now_us);
+    if (ms_)
+        ms_->advance(now_us);
+}
+
+int HwServer::gpio_input(uint16_t pin) const {
+    if (!ms_)
+        return -1;
+    if (pin == cfg_.pins.pls)
+        return ms_->pls() ? 1 : 0;
+    if (pin == cfg_.pins.zoom_pi)
+        return ms_->zoom_sensor() ? 1 : 0;
+    if (pin == cfg_.pins.focus_pi)
+        return ms_->focus_sensor() ? 1 : 0;
+    return -1;
 }
 
 std::string HwServer::chip_path() const {
@@ -286,8 +333,10 @@ HwReply HwServer::handle(const HwRequest& req) {
                 // A bus without the chip (or a frame the chip ignores) reads back zeros.
                 if (h->has_chip && lc_)
                     lc_->transfer(now, h->mode, req.tx, reply.rx, req.len);
-                else if (lc_)
-                    lc_->advance(now);
+                else if (h->has_chip && ms_)
+                    ms_->transfer(now, h->mode, req.tx, reply.rx, req.len);
+                else
+                    advance_chip(now);
                 reply.len = req.value != 0 ? req.len : 0;
                 reply.result = static_cast<int32_t>(req.len);
             }
@@ -315,8 +364,7 @@ HwReply HwServer::handle(const HwRequest& req) {
         case Op::kGpioIoctl: {
             Handle* h = handle_at(true);
             int arg = static_cast<int>(req.value);
-            if (lc_)
-                lc_->advance(now);
+            advance_chip(now);
             reply.result = h ? gpio_.request(req.request, &arg, now) : kEbadf;
             reply.value = static_cast<uint32_t>(arg);
             break;

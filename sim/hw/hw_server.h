@@ -6,12 +6,17 @@
 // time stamp of each request. Requests are handled one at a time in arrival order, whichever
 // daemon thread sends them.
 //
+// Both chips move the same lens mechanics; the mechanical settings below apply to whichever chip
+// is configured. With the MS41908 the GPIO device carries its strobe (vd), busy line (pls) and the
+// two home sensors; with the LC898201 only the reset line.
+//
 // Configuration (HwConfig) comes as "key = value" settings, from a scenario or from the VCAM_HW
 // environment variable ("key=value,key=value"):
-//   chip                 lc898201 | none              chip on the bus (default lc898201)
+//   chip                 lc898201 | ms41908 | none    chip on the bus (default lc898201)
 //   spi_bus              0..4                         bus of the chip (default 4: /dev/spidev4.0)
 //   gpio                 present | absent             /dev/vhd_gpio (default present)
-//   time_unit_us         > 0                          LC898201 pulse period unit (default 0.2)
+//   time_unit_us         > 0                          pulse period unit (default LC898201 0.2,
+//                                                     MS41908 0.4)
 //   zoom_backlash        steps >= 0                   mechanical play (default 0)
 //   focus_backlash       steps >= 0
 //   zoom_home_edge       steps                        zoom sensor on at or above (default 6378)
@@ -21,8 +26,8 @@
 //   hall_centre          Hall offset units            unit's Hall centre (default 150)
 //   fault.zoom_home      none | stuck_off | stuck_on  zoom home sensor
 //   fault.focus_home     none | stuck_off | stuck_on
-//   fault.zoom_busy      none | stuck                 zoom start/busy flag never clears
-//   fault.focus_busy     none | stuck
+//   fault.zoom_busy      none | stuck                 zoom start/busy flag never clears (the
+//   fault.focus_busy     none | stuck                 MS41908 has one busy line, pls, for both)
 //   fault.spi_transfer   none | error                 every transfer fails (EIO)
 //   fault.spi_open       none | error                 the spidev node cannot be opened
 //   fault.spi_ioctl      none | wr_mode | rd_mode | wr_bits | rd_bits | wr_speed | rd_speed
@@ -40,10 +45,11 @@
 #include "sim/hw/gpio_emu.h"
 #include "sim/hw/lc898201_emu.h"
 #include "sim/hw/lens_mechanics.h"
+#include "sim/hw/ms41908_emu.h"
 
 namespace vcam::hw {
 
-enum class ChipKind : uint8_t { kNone, kLc898201 };
+enum class ChipKind : uint8_t { kNone, kLc898201, kMs41908 };
 
 struct HwConfig {
     ChipKind chip = ChipKind::kLc898201;
@@ -51,6 +57,7 @@ struct HwConfig {
     bool gpio_present = true;
     GpioPinMap pins;
     Lc898201Config lc;
+    Ms41908Config ms;
     bool spi_transfer_error = false;
     bool spi_open_error = false;
     uint32_t spi_fail_ioctl = 0;  // SPI_IOC_* request that fails (0: none)
@@ -85,6 +92,13 @@ class HwServer {
         fn(cfg_, lc_.get(), gpio_);
     }
 
+    // The same for the MS41908 (nullptr when the other chip is configured).
+    template <typename Fn>
+    void with_ms(Fn fn) {
+        std::lock_guard<std::mutex> lock(mu_);
+        fn(cfg_, ms_.get(), gpio_);
+    }
+
     uint64_t requests() const { return requests_.load(); }
 
   private:
@@ -101,11 +115,14 @@ class HwServer {
     void serve_client(int fd);
     int open_spi(const char* path);
     int spi_ioctl(Handle& h, uint32_t request, uint32_t value, uint32_t* out);
+    void advance_chip(uint64_t now_us);
+    int gpio_input(uint16_t pin) const;
     std::string chip_path() const;
 
     LensMechanics& mech_;
     HwConfig cfg_;
     std::unique_ptr<Lc898201Emu> lc_;
+    std::unique_ptr<Ms41908Emu> ms_;
     GpioEmu gpio_;
     std::mutex mu_;
     std::vector<Handle> handles_;

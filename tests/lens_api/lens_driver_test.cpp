@@ -4,7 +4,6 @@
 #include <string>
 #include <vector>
 
-#include "lens_api/lc898201.h"
 #include "lens_api/lens_driver.h"
 #include "lens_api/lens_position.h"
 #include "platform/sim/virtual_clock.h"
@@ -90,14 +89,6 @@ TEST_F(LensDriverTest, RehomeSkipsTheSetUpAndTheSettlingWait) {
     EXPECT_EQ(g_log,
               (std::vector<std::string>{"power_on", "zoom_home", "focus_home", "power_off"}));
     EXPECT_EQ(clock.monotonic_us(), 0u);
-}
-
-TEST_F(LensDriverTest, DetectionFillsTheLc898201Table) {
-    lens_set_ops_for_testing(nullptr);
-    lens_detect_chip();
-    EXPECT_EQ(lens_ops().zoom_home, kLc898201Ops.zoom_home);
-    EXPECT_EQ(lens_ops().move_both, kLc898201Ops.move_both);
-    EXPECT_EQ(lens_is_ms41908(), 0);
 }
 
 }  // namespace
