@@ -6,6 +6,7 @@
 set -euo pipefail
 
 ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
+bash "$ROOT/scripts/setup.sh" "$ROOT/scripts/packages-fuzz.txt"
 BUILD="${AFD_FUZZ_BUILD:-$ROOT/build-fuzz}"
 SECS="${AFD_FUZZ_SECONDS:-12}"
 CC_BIN="${AFD_FUZZ_CC:-clang-14}"
