@@ -176,19 +176,35 @@ void Camera::frame(uint64_t k, uint64_t stamp_us, uint8_t* out, FrameTruth* trut
     for (const LightState& l : scene.lights)
         tr.light_focus.push_back(l.on >= 0.5 ? true_focus(sc_.lens.unit, l.distance, zoom)
                                              : std::numeric_limits<double>::quiet_NaN());
-    BlockStats best;
-    RenderInput in;
-    in.scenario = &sc_;
-    in.scene = &scene;
-    in.previous = nullptr;
-    in.frame_period_s = period_us_ / 1e6;
-    in.sensor = sensor;
-    in.lens = shown.end;
-    in.best_focus = true;
-    render(in, &best);
-    for (int w = 0; w < 25; ++w)
-        tr.best_window_v[static_cast<size_t>(w)] = window_v(best, w);
-    tr.best_centre_v = centre_v(best);
+    // Same objects, lights, zoom and iris give the same best-focus picture; a static scene
+    // renders it once.
+    const bool same = best_valid_ && best_zoom_ == shown.end.zoom && best_iris_ == shown.end.iris &&
+                      best_level_ == sensor.level && best_scene_.objects == scene.objects &&
+                      best_scene_.lights == scene.lights &&
+                      best_scene_.illumination == scene.illumination &&
+                      best_scene_.pan == scene.pan && best_scene_.tilt == scene.tilt;
+    if (!same) {
+        BlockStats best;
+        RenderInput in;
+        in.scenario = &sc_;
+        in.scene = &scene;
+        in.previous = nullptr;
+        in.frame_period_s = period_us_ / 1e6;
+        in.sensor = sensor;
+        in.lens = shown.end;
+        in.best_focus = true;
+        render(in, &best);
+        for (int w = 0; w < 25; ++w)
+            best_window_[static_cast<size_t>(w)] = window_v(best, w);
+        best_centre_ = centre_v(best);
+        best_valid_ = true;
+        best_scene_ = scene;
+        best_zoom_ = shown.end.zoom;
+        best_iris_ = shown.end.iris;
+        best_level_ = sensor.level;
+    }
+    tr.best_window_v = best_window_;
+    tr.best_centre_v = best_centre_;
     tr.centre_v = centre_v(stats);
     double h = 0.0;
     for (int r = 6; r <= 9; ++r)

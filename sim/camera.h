@@ -91,6 +91,14 @@ class Camera {
     uint64_t last_k_ = 0;
     LensTruth last_end_;
     std::vector<Exposure> ring_;  // the last `latency.frames - 1` exposures, oldest first
+    // Best-focus sharpness for the telemetry, kept while scene and lens zoom/iris stay the same.
+    bool best_valid_ = false;
+    SceneState best_scene_;
+    double best_zoom_ = 0.0;
+    double best_iris_ = 0.0;
+    double best_level_ = 0.0;
+    std::array<double, 25> best_window_{};
+    double best_centre_ = 0.0;
 };
 
 }  // namespace vcam

@@ -31,6 +31,7 @@ struct ObjectState {
     double texture = 3000.0;   // in-focus sharpness of a fully covered block, daylight
     double reflectance = 0.5;  // 0..1
     double visible = 1.0;      // 0 or 1
+    bool operator==(const ObjectState&) const = default;
 };
 
 struct LightState {
@@ -38,6 +39,7 @@ struct LightState {
     double distance = 10000.0;  // mm
     double intensity = 1.0;     // 1 = the disc just stays saturated at `saturated_diameter_px`
     double on = 1.0;            // 0 or 1
+    bool operator==(const LightState&) const = default;
 };
 
 struct SceneState {

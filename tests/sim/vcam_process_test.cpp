@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
@@ -148,13 +149,24 @@ TEST(VcamProgram, RealTimeModePacesFramesAtTheScenarioRate) {
                  log);
     simtest::IspClient c(port);
     ASSERT_TRUE(c.connected()) << vcam.log();
-    std::vector<uint64_t> stamps;
-    for (int i = 0; i < 8; ++i)
-        stamps.push_back(afdata::frame_stamp_decode(c.request(1, 5504).data()).time_us);
+    std::vector<afdata::FrameStamp> stamps;
+    uint8_t buf[5504];
+    for (int i = 0; i < 8; ++i) {
+        const uint8_t code = 1;
+        ASSERT_EQ(send(c.fd(), &code, 1, 0), 1);
+        ASSERT_EQ(recv(c.fd(), buf, sizeof buf, MSG_WAITALL), 5504);
+        stamps.push_back(afdata::frame_stamp_decode(buf));
+    }
     EXPECT_EQ(vcam.wait(), 0) << vcam.log();
-    for (size_t i = 2; i < stamps.size(); ++i) {
-        const double d = static_cast<double>(stamps[i] - stamps[i - 1]);
-        EXPECT_NEAR(d, 40000, 6000) << "frame " << i;
+    // Frame k is complete at k periods after the start: never delivered before that, and only
+    // late by the scheduling delay of a busy machine. A client that was late skips frames.
+    for (size_t i = 0; i < stamps.size(); ++i) {
+        const uint64_t due = uint64_t{stamps[i].sequence} * 40000;
+        EXPECT_GE(stamps[i].time_us, due) << "frame " << i;
+        EXPECT_LT(stamps[i].time_us, due + 30000) << "frame " << i;
+        if (i > 0) {
+            EXPECT_GT(stamps[i].sequence, stamps[i - 1].sequence);
+        }
     }
     std::remove(log.c_str());
 }
