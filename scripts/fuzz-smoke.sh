@@ -22,7 +22,7 @@ cmake -S "$ROOT/tests/fuzz" -B "$BUILD" "${generator[@]}" \
 cmake --build "$BUILD" -j"$(nproc)"
 
 status=0
-for target in fuzz_stat_frame fuzz_exposure fuzz_isp_replies; do
+for target in fuzz_stat_frame fuzz_exposure fuzz_isp_replies fuzz_command; do
     corpus="$BUILD/corpus/$target"
     mkdir -p "$corpus"
     echo "== $target (${SECS}s)"
