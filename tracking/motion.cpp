@@ -317,6 +317,8 @@ void mode_ezoom_to_target(const MotionCommand& c) {
 
 }  // namespace
 
+static void execute_mode(const MotionCommand& cmd);
+
 void ezoom_step(uint8_t kind, const MotionCommand& cmd) {
     const uint32_t e = command_get_ezoom();
     const uint32_t t = cmd.ezoom_target;
@@ -351,6 +353,15 @@ void ezoom_step(uint8_t kind, const MotionCommand& cmd) {
 }
 
 void motion_execute(const MotionCommand& cmd) {
+    execute_mode(cmd);
+    // A finished motion forgets its tracking set-up: the next zoom picks the curve through the
+    // focus position as it is then (after autofocus has had its say), instead of carrying on with
+    // the curve of a motion that ended long ago.
+    if (command_zoom_motion_active() == 0)
+        zoom_track_clear_active();
+}
+
+static void execute_mode(const MotionCommand& cmd) {
     switch (cmd.mode) {
         case 0:
             mode_continuous_zoom(cmd);

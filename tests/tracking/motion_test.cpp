@@ -117,6 +117,22 @@ TEST_F(MotionTest, TrackedZoomKeepsTheFocusOnTheStartCurveWithAutofocusOff) {
     EXPECT_NEAR(zoom_track_start_curve(), 30, 1) << "the curve through the start focus";
 }
 
+TEST_F(MotionTest, EachZoomPicksTheCurveThroughTheFocusOfItsOwnStart) {
+    lens_set_positions(3000, curve_focus_at(30, 3000));
+    MotionCommand c = cmd(1);
+    c.zoom_target = 4000;
+    ASSERT_GT(run(c), 0);
+    EXPECT_NEAR(zoom_track_start_curve(), 30, 1);
+    EXPECT_EQ(zoom_track_is_active(), 0) << "a finished motion forgets its set-up";
+    // Autofocus (or a manual focus) moved the focus to an object on curve 10 meanwhile.
+    lens_set_positions(4000, curve_focus_at(10, 4000));
+    c.zoom_target = 5000;
+    command_set_zoom_motion_active(1);
+    ASSERT_GT(run(c), 0);
+    EXPECT_NEAR(zoom_track_start_curve(), 10, 1);
+    EXPECT_NEAR(lens_get_focus_pos(), curve_focus_at(10, 5000), 3);
+}
+
 TEST_F(MotionTest, WideZoomAlwaysTracksTheMidCurve) {
     lens_set_positions(2000, curve_focus_at(45, 2000));
     MotionCommand c = cmd(1);
