@@ -1,4 +1,4 @@
-#!/ usr / bin / env python3
+#!/usr/bin/env python3
 """Zoom-tracking benchmark: how well the focus follows the subject while zooming.
 
 For each subject distance and zoom speed it starts vcam and the real afd in a sandbox on the
@@ -44,32 +44,35 @@ def rows(path):
     with open(path) as f:
         for line in f:
             try:
-                out
-    .append(json.loads(line)) except ValueError : pass return out
+                out.append(json.loads(line))
+            except ValueError:
+                pass
+    return out
 
-                                                  def
-                                                  run_one(build, distance, speed, target, port_base)
-        : sb = tempfile.mkdtemp(prefix = "afd-trackbench-") os.makedirs(os.path.join(sb, "run"))
-                   env = dict(os.environ)
-                             env.update({
-                                    "AFD_ROOT" : sb,
-                                    "AFD_SYSLOG" : "0",
-                                    "AFD_CLOCK" : "virtual",
-                                    "AFD_VCLOCK_FILE" : os.path.join(sb, "run/vclock"),
-                                    "AFD_SIM_SOCKET" : os.path.join(sb, "run/hw.sock"),
-                                    "AFD_ISP_PORT" : str(port_base),
-                                    "AFD_CMD_PORT" : str(port_base + 1),
-                                    "AFD_REPLY_PORT" : str(port_base + 2),
-                                    "AFD_TUNING_PORT" : str(port_base + 3),
-                                    "AFD_CMD_BIND" : "127.0.0.1",
-                                })
-#A calibrated unit : the reference - point curve file holds the unit's wide-end focus at the
-#reference distance(the nominal lens here : vcam's scenario has no unit deviation).
-                                 os.makedirs(os.path.join(sb, "data")) with
-                         open(os.path.join(sb, "data/curve.dat"), "wb") as f
-        : f.write(struct.pack("<209H", *([6019] + [0] * 207 + [0xAA55]))) scen =
-        os.path.join(sb, "scene.yaml") scenario(distance, scen) tele =
-            os.path.join(sb, "run/telemetry.jsonl") procs = [] try : procs.append(subprocess.Popen([os.path.join(build, "sim/vcam"), "--mode", "virtual",
+
+def run_one(build, distance, speed, target, port_base):
+    sb = tempfile.mkdtemp(prefix="afd-trackbench-")
+    os.makedirs(os.path.join(sb, "run"))
+    env = dict(os.environ)
+    env.update({
+        "AFD_ROOT": sb, "AFD_SYSLOG": "0", "AFD_CLOCK": "virtual",
+        "AFD_VCLOCK_FILE": os.path.join(sb, "run/vclock"),
+        "AFD_SIM_SOCKET": os.path.join(sb, "run/hw.sock"),
+        "AFD_ISP_PORT": str(port_base), "AFD_CMD_PORT": str(port_base + 1),
+        "AFD_REPLY_PORT": str(port_base + 2), "AFD_TUNING_PORT": str(port_base + 3),
+        "AFD_CMD_BIND": "127.0.0.1",
+    })
+    # A calibrated unit: the reference-point curve file holds the unit's wide-end focus at the
+    # reference distance (the nominal lens here: vcam's scenario has no unit deviation).
+    os.makedirs(os.path.join(sb, "data"))
+    with open(os.path.join(sb, "data/curve.dat"), "wb") as f:
+        f.write(struct.pack("<209H", *([6019] + [0] * 207 + [0xAA55])))
+    scen = os.path.join(sb, "scene.yaml")
+    scenario(distance, scen)
+    tele = os.path.join(sb, "run/telemetry.jsonl")
+    procs = []
+    try:
+        procs.append(subprocess.Popen([os.path.join(build, "sim/vcam"), "--mode", "virtual",
                                        "--telemetry", tele] + VCAM_ARGS + [scen], env=env,
                                       stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL))
         for _ in range(100):
@@ -111,15 +114,13 @@ def rows(path):
     err = arrive["lens"]["focus"] - arrive["subject_focus"]
     last = data[-1]
     return {
-            "distance" : distance,
-                         "speed" : speed,
-                                   "frames" : idx,
-                                              "arrive_error" : round(err, 1),
-                                                               "depth_of_focus" : round(half, 1),
-                                                                                  "arrive_error_dof"
-                : round(abs(err) / half, 2) if half else None,
-                  "settled_error" : round(last["lens"]["focus"] - last["subject_focus"], 1),
-        }
+        "distance": distance, "speed": speed,
+        "frames": idx, "arrive_error": round(err, 1),
+        "depth_of_focus": round(half, 1),
+        "arrive_error_dof": round(abs(err) / half, 2) if half else None,
+        "settled_error": round(last["lens"]["focus"] - last["subject_focus"], 1),
+    }
+
 
 def main():
     ap = argparse.ArgumentParser(description=__doc__,
