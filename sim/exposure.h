@@ -32,7 +32,7 @@ namespace vcam {
 
 class AutoExposure {
   public:
-    AutoExposure(const ExposureSpec& spec, double fps);
+    AutoExposure(const ExposureSpec& params, double fps);
 
     // Sensor state for the next exposure.
     SensorState sensor() const;
@@ -56,7 +56,7 @@ class AutoExposure {
   private:
     void split();
 
-    ExposureSpec spec_;
+    ExposureSpec params_;
     double max_time_;
     double log_k_ = 0.0;  // log of luma per unit of radiance x transmission
     double gain_ = 1.0;

@@ -192,9 +192,9 @@ void render(const RenderInput& in, BlockStats* out) {
                                    overlap_1d(p.y0, p.y1, by0, by0 + kBlockW) / (kBlockW * kBlockW);
                 if (cov <= 0.0)
                     continue;
-                const ObjectSpec& spec = sc.objects[k];
-                add_layer(cov * remaining, ob.texture, spec.texture_variation, ob.reflectance,
-                          spec.luma_contrast, spec.h_ratio, p.focus, p.vx, p.vy,
+                const ObjectSpec& params = sc.objects[k];
+                add_layer(cov * remaining, ob.texture, params.texture_variation, ob.reflectance,
+                          params.luma_contrast, params.h_ratio, p.focus, p.vx, p.vy,
                           (sx - ob.x) * kGrid, (sy - ob.y) * kGrid, 0x1000 + k);
                 remaining *= 1.0 - cov;
             }

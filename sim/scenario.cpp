@@ -258,13 +258,14 @@ bool read_scene(Reader& r, const YAML::Node& n, Scenario* sc) {
                        {"name", "rect", "distance", "texture", "reflectance", "luma_contrast",
                         "h_ratio", "texture_variation", "visible"}))
                 return false;
-            ObjectSpec spec;
+            ObjectSpec params;
             ObjectState st;
-            r.str(o, po, "name", &spec.name);
-            if (spec.name.empty())
+            r.str(o, po, "name", &params.name);
+            if (params.name.empty())
                 return r.fail(o, po + ".name", "every object needs a name");
-            if (sc->object_index(spec.name) >= 0)
-                return r.fail(o["name"], po + ".name", "duplicate object name '" + spec.name + "'");
+            if (sc->object_index(params.name) >= 0)
+                return r.fail(o["name"], po + ".name",
+                              "duplicate object name '" + params.name + "'");
             if (!o["rect"])
                 return r.fail(o, po + ".rect", "missing (x, y, w, h in image coordinates)");
             double rect[4] = {0, 0, 0, 0};
@@ -278,13 +279,13 @@ bool read_scene(Reader& r, const YAML::Node& n, Scenario* sc) {
             r.num(o, po, "distance", &st.distance, 1, 1e7);
             r.num(o, po, "texture", &st.texture, 0, 1e6);
             r.num(o, po, "reflectance", &st.reflectance, 0, 1);
-            r.num(o, po, "luma_contrast", &spec.luma_contrast, 0, 1);
-            r.num(o, po, "h_ratio", &spec.h_ratio, 0, 10);
-            r.num(o, po, "texture_variation", &spec.texture_variation, 0, 1);
+            r.num(o, po, "luma_contrast", &params.luma_contrast, 0, 1);
+            r.num(o, po, "h_ratio", &params.h_ratio, 0, 10);
+            r.num(o, po, "texture_variation", &params.texture_variation, 0, 1);
             bool visible = true;
             r.flag(o, po, "visible", &visible);
             st.visible = visible ? 1.0 : 0.0;
-            sc->objects.push_back(spec);
+            sc->objects.push_back(params);
             sc->initial.objects.push_back(st);
         }
     }
@@ -296,24 +297,25 @@ bool read_scene(Reader& r, const YAML::Node& n, Scenario* sc) {
             const std::string pl = "scene.lights[" + std::to_string(i) + "]";
             if (!r.map(l, pl, {"name", "position", "distance", "intensity", "core_px", "on"}))
                 return false;
-            LightSpec spec;
+            LightSpec params;
             LightState st;
-            r.str(l, pl, "name", &spec.name);
-            if (spec.name.empty())
+            r.str(l, pl, "name", &params.name);
+            if (params.name.empty())
                 return r.fail(l, pl + ".name", "every light needs a name");
-            if (sc->light_index(spec.name) >= 0)
-                return r.fail(l["name"], pl + ".name", "duplicate light name '" + spec.name + "'");
+            if (sc->light_index(params.name) >= 0)
+                return r.fail(l["name"], pl + ".name",
+                              "duplicate light name '" + params.name + "'");
             double pos[2] = {st.x, st.y};
             r.numbers(l, pl, "position", pos, 2);
             st.x = pos[0];
             st.y = pos[1];
             r.num(l, pl, "distance", &st.distance, 1, 1e7);
             r.num(l, pl, "intensity", &st.intensity, 0, 1e6);
-            r.num(l, pl, "core_px", &spec.core_px, 0.5, 2000);
+            r.num(l, pl, "core_px", &params.core_px, 0.5, 2000);
             bool on = true;
             r.flag(l, pl, "on", &on);
             st.on = on ? 1.0 : 0.0;
-            sc->lights.push_back(spec);
+            sc->lights.push_back(params);
             sc->initial.lights.push_back(st);
         }
     }
