@@ -10,14 +10,14 @@
 namespace vcam {
 
 struct LensTruth {
-    double zoom = 0.0;   // zoom carriage, steps
-    double focus = 0.0;  // focus carriage, steps
-    double iris = 0.0;   // iris opening, driver units (0 closed)
+    double zoom = 0.0;     // zoom carriage, steps
+    double focus = 0.0;    // focus carriage, steps
+    double iris = 0.0;     // iris opening, driver units (0 closed)
     uint64_t time_us = 0;  // virtual time of this state
 };
 
 class LensMechanics {
-public:
+  public:
     LensTruth snapshot() const {
         std::lock_guard<std::mutex> lock(mu_);
         return truth_;
@@ -27,7 +27,7 @@ public:
         truth_ = t;
     }
 
-private:
+  private:
     mutable std::mutex mu_;
     LensTruth truth_;
 };
