@@ -1,0 +1,659 @@
+#!/usr/bin/env python3
+"""Autofocus benchmark: the real afd against vcam on the virtual clock, scored from ground truth.
+
+For every case of the suite it starts vcam and afd in a sandbox, lets them run for a fixed virtual
+duration (telemetry t_us), and scores vcam's per-frame ground truth (never the daemon's counts):
+
+  frames to focus   video frames from the first frame until the lens is within the subject's
+                    depth of focus and stays there at rest for 10 frames
+  final error       lens focus - subject's in-focus position on the last frame, in steps and as a
+                    fraction of the depth of focus (the half width of the V sharpness peak at the
+                    zoom, widened by the iris as vcam's optics do)
+  travel, reversals focus steps moved and direction changes until first focus (hunting)
+  false refocus     focus movements after first settling on a static scene, per virtual minute
+  refocus           for scenes whose subject moves: frames from the end of the subject's move
+                    until it is in focus and at rest again
+
+Two reference searches run on the same scene (vcam alone, the lens driven by a scripted sweep):
+  sweep   every position at 1 step across the start and the peak, the best centre V, as the
+          accuracy reference
+  oracle  a hill-climb that knows the direction, at the daemon's maximum of 60 steps per frame,
+          seeing each position `latency` frames after commanding it: the frames it needs to reach
+          the peak and see a fall past it (the speed bound); ratio = daemon frames / oracle frames
+
+  tools/afbench.py [--build build] [--suite daylight|library|all] [--only SUBSTR]
+                   [--seconds 30] [--json out.json] [--out DIR]
+
+One SVG per case (lens focus vs true in-focus position, centre sharpness) is drawn with
+build/tools/telemetry_plot into DIR.
+"""
+import argparse
+import json
+import os
+import re
+import signal
+import socket
+import statistics
+import struct
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+
+ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+SCEN = os.path.join(ROOT, "sim/scenarios")
+MAX_STEP = 60          # the daemon's largest focus move per frame
+REST_FRAMES = 10       # frames at rest inside the depth of focus that count as focused
+FOCUS_MAX = 6120       # focus carriage range 0..FOCUS_MAX (sim/lens_model.h)
+STATS_BYTES = 5504
+
+# (name, scenario file, overrides). Overrides: zoom, start (absolute focus) or offset (start =
+# subject's in-focus position + offset: negative is on the near side, positive on the far side),
+# fps (vcam --fps), noise (False: vcam --no-noise).
+DAYLIGHT = [
+    ("wide-far", "bench_daylight_plane.yaml", {"zoom": 0, "offset": +150}),
+    ("wide-near", "bench_daylight_plane.yaml", {"zoom": 0, "offset": -150}),
+    ("mid-far", "bench_daylight_plane.yaml", {"zoom": 3200, "offset": +300}),
+    ("mid-near", "bench_daylight_plane.yaml", {"zoom": 3200, "offset": -300}),
+    ("tele-far", "bench_daylight_plane.yaml", {"zoom": 6000, "offset": +400}),
+    ("tele-near", "bench_daylight_plane.yaml", {"zoom": 6000, "offset": -400}),
+    ("mid-far-25fps", "bench_daylight_plane.yaml", {"zoom": 3200, "offset": +300, "fps": 25}),
+    ("mid-far-60fps", "bench_daylight_plane.yaml", {"zoom": 3200, "offset": +300, "fps": 60}),
+    ("mid-far-nonoise", "bench_daylight_plane.yaml", {"zoom": 3200, "offset": +300,
+                                                      "noise": False}),
+    ("wide-far-nonoise", "bench_daylight_plane.yaml", {"zoom": 0, "offset": +150,
+                                                       "noise": False}),
+    ("tele-far-nonoise", "bench_daylight_plane.yaml", {"zoom": 6000, "offset": +400,
+                                                       "noise": False}),
+    ("mid-lowcontrast", "bench_low_contrast_wall.yaml", {}),
+    ("mid-offcentre", "bench_offcentre_subject.yaml", {}),
+    ("mid-moves-in-depth", "bench_subject_moves_depth.yaml", {}),
+]
+LIBRARY = [
+    ("lib-daylight_chart", "daylight_chart.yaml", {}),
+    ("lib-object_enters", "object_enters.yaml", {}),
+    ("lib-dusk_two_depths", "dusk_two_depths.yaml", {}),
+    ("lib-night_lamps", "night_lamps.yaml", {}),
+    ("lib-focus_sweep", "focus_sweep.yaml", {}),
+    ("lib-pan_and_zoom_sweep", "pan_and_zoom_sweep.yaml", {}),
+]
+
+
+def half_width(zoom, iris=1023.0, iris_open=1023.0):
+    """Half width (steps) of the V sharpness peak in vcam's optics at this zoom and iris: the
+    depth of focus for this benchmark (sim/README.md: v_width 5 -> 12, growth (z/6624)^1.5,
+    x transmission^-0.5 with transmission = (iris/iris_open)^2)."""
+    z = max(0.0, min(1.0, zoom / 6624.0))
+    w = 5.0 + (12.0 - 5.0) * z ** 1.5
+    if iris and iris > 0 and iris < iris_open:
+        w *= iris_open / iris
+    return w
+
+
+def rows(path):
+    out = []
+    try:
+        with open(path) as f:
+            for line in f:
+                try:
+                    out.append(json.loads(line))
+                except ValueError:
+                    pass
+    except FileNotFoundError:
+        pass
+    return out
+
+
+def last_t_us(path):
+    """t_us of the last complete telemetry line (reads only the file's tail)."""
+    try:
+        with open(path, "rb") as f:
+            f.seek(0, 2)
+            size = f.tell()
+            f.seek(max(0, size - 8192))
+            tail = f.read().split(b"\n")
+    except FileNotFoundError:
+        return 0
+    for line in reversed(tail[:-1]):
+        m = re.search(rb'"t_us":(\d+)', line)
+        if m:
+            return int(m.group(1))
+    return 0
+
+
+def scenario_text(base, ov, sweep=None, static=False):
+    text = open(os.path.join(SCEN, base)).read()
+    if "zoom" in ov:
+        text = re.sub(r"(lens:\n(?:\s+.*\n)*?\s+zoom: )\d+", r"\g<1>%d" % ov["zoom"], text, 1)
+    if "start" in ov:
+        text = re.sub(r"(lens:\n(?:\s+.*\n)*?\s+focus: )\d+", r"\g<1>%d" % ov["start"], text, 1)
+    if sweep is not None:
+        text = re.sub(r"\n\s+sweep: \{.*\}\n", "\n", text)
+        text = text.replace("lens:\n", "lens:\n  sweep: {axis: focus, from: %d, to: %d, step: 1}\n"
+                            % sweep, 1)
+    if static:  # the reference searches work on the scene as it is at the start
+        text = re.sub(r"\ntimeline:\n(?:[ \t-].*\n?)*", "\n", text)
+    if sweep is not None:  # without the daemon nothing drives the iris: hold it open
+        text = text.rstrip("\n") + "\ntimeline:\n  - {frame: 0, lens: {iris: 1023}}\n"
+    return text
+
+
+def sandbox_env(sb, port):
+    env = dict(os.environ)
+    env.update({
+        "AFD_ROOT": sb, "AFD_SYSLOG": "0", "AFD_CLOCK": "virtual",
+        "AFD_VCLOCK_FILE": os.path.join(sb, "run/vclock"),
+        "AFD_SIM_SOCKET": os.path.join(sb, "run/hw.sock"),
+        "AFD_ISP_PORT": str(port), "AFD_CMD_PORT": str(port + 1),
+        "AFD_REPLY_PORT": str(port + 2), "AFD_TUNING_PORT": str(port + 3),
+        "AFD_CMD_BIND": "127.0.0.1",
+    })
+    return env
+
+
+def make_sandbox():
+    sb = tempfile.mkdtemp(prefix="afd-afbench-")
+    os.makedirs(os.path.join(sb, "run"))
+    # A calibrated unit: the reference-point curve file holds the unit's wide-end focus at the
+    # reference distance (the nominal lens: the scenarios have no unit deviation unless they say).
+    os.makedirs(os.path.join(sb, "data"))
+    with open(os.path.join(sb, "data/curve.dat"), "wb") as f:
+        f.write(struct.pack("<209H", *([6019] + [0] * 207 + [0xAA55])))
+    return sb
+
+
+def vcam_args(case_ov):
+    args = []
+    if "fps" in case_ov:
+        args += ["--fps", str(case_ov["fps"])]
+    if case_ov.get("noise") is False:
+        args += ["--no-noise"]
+    return args
+
+
+def stop(procs):
+    for p in reversed(procs):
+        if p.poll() is None:
+            p.send_signal(signal.SIGTERM)
+            try:
+                p.wait(timeout=10)
+            except subprocess.TimeoutExpired:
+                p.kill()
+                p.wait()
+
+
+def vcam_alone(build, text, extra, frames, port):
+    """Runs vcam without the daemon (no clock page: the next grid frame each request) and fetches
+    `frames` frames over the ISP link; returns the telemetry rows."""
+    sb = make_sandbox()
+    env = sandbox_env(sb, port)
+    del env["AFD_VCLOCK_FILE"]
+    scen = os.path.join(sb, "scene.yaml")
+    open(scen, "w").write(text)
+    tele = os.path.join(sb, "run/telemetry.jsonl")
+    p = subprocess.Popen([os.path.join(build, "sim/vcam"), "--mode", "virtual", "--telemetry", tele,
+                          "--frames", str(frames)] + extra + [scen], env=env,
+                         stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
+    try:
+        s = None
+        for _ in range(100):
+            try:
+                s = socket.create_connection(("127.0.0.1", port), timeout=5)
+                break
+            except OSError:
+                if p.poll() is not None:
+                    raise RuntimeError("vcam exited: " + p.stderr.read().decode()[-400:])
+                time.sleep(0.05)
+        if s is None:
+            raise RuntimeError("vcam did not listen")
+        s.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+        for _ in range(frames):
+            s.sendall(b"\x01")
+            got = 0
+            while got < STATS_BYTES:
+                b = s.recv(STATS_BYTES - got)
+                if not b:
+                    break
+                got += len(b)
+            if got < STATS_BYTES:
+                break
+        s.close()
+    finally:
+        stop([p])
+    return rows(tele)
+
+
+def latency_of(text):
+    m = re.search(r"latency:\s*\{[^}]*frames:\s*(\d+)", text) or \
+        re.search(r"latency:\n\s+frames:\s*(\d+)", text)
+    return int(m.group(1)) if m else 2
+
+
+def references(build, base, ov, extra, port):
+    """Probe the scene, then sweep the focus at 1 step from beyond the start to beyond the peak.
+    Returns the truth at the start and the two references."""
+    probe = vcam_alone(build, scenario_text(base, ov, static=True), extra, 2, port)
+    if not probe:
+        return {"error": "vcam probe gave no frames"}
+    r0 = probe[0]
+    sf = r0.get("subject_focus")
+    zoom = r0["lens"]["zoom"]
+    start = r0["lens"]["focus"]
+    ref = {"subject_focus": sf, "zoom": zoom, "start": start,
+           "depth_of_focus": round(half_width(zoom, r0["lens"].get("iris", 1023)), 2)}
+    if sf is None:
+        ref["error"] = "no subject in the picture at the start"
+        return ref
+    lat = latency_of(open(os.path.join(SCEN, base)).read())
+    lo = int(max(0, min(start, sf) - 120))
+    hi = int(min(FOCUS_MAX, max(start, sf) + 120))
+    data = vcam_alone(build, scenario_text(base, ov, sweep=(lo, hi), static=True), extra,
+                      hi - lo + 1 + lat + 1, port)
+    # centre V of frame k shows the lens as it was `lat` frames earlier (the clean frame)
+    curve = {}
+    for k in range(lat, len(data)):
+        curve[data[k - lat]["lens"]["focus"]] = data[k]["centre_v"]
+    if not curve:
+        ref["error"] = "sweep gave no frames"
+        return ref
+    best = max(curve, key=lambda p: curve[p])
+    ref["sweep"] = {"best": best, "error": round(best - sf, 1),
+                    "error_dof": round(abs(best - sf) / ref["depth_of_focus"], 2),
+                    "frames": hi - lo + 1 + lat, "range": [lo, hi]}
+    # oracle hill-climb: direction known, 60 steps per frame; position j (commanded after frame
+    # j-1) is seen clean at frame j-1+lat; done on the first fall beyond the true peak
+    direction = 1 if sf >= start else -1
+
+    def value(p):
+        q = min(curve, key=lambda x: abs(x - p)) if p not in curve else p
+        return curve[q]
+
+    pos = [start]
+    oracle = None
+    for j in range(1, 200):
+        p = max(lo, min(hi, start + direction * MAX_STEP * j))
+        pos.append(p)
+        if (p - sf) * direction > 0 and value(p) < value(pos[-2]):
+            oracle = j - 1 + lat
+            break
+        if p in (lo, hi):
+            oracle = j - 1 + lat
+            break
+    ref["oracle_frames"] = oracle
+    return ref
+
+
+def score(data, duration_us, static, fps):
+    t0 = data[0]["t_us"]
+    data = [r for r in data if r["t_us"] - t0 <= duration_us]
+    g0 = data[0]["exposure"]
+    foc = [r["lens"]["focus"] for r in data]
+    sf = [r.get("subject_focus") for r in data]
+    dof = [half_width(r["lens"]["zoom"], r["lens"].get("iris", 1023)) for r in data]
+    n = len(data)
+    inf = [sf[k] is not None and abs(foc[k] - sf[k]) <= dof[k] for k in range(n)]
+
+    def focused_from(k0):
+        for k in range(k0, n - REST_FRAMES + 1):
+            if all(inf[k + i] and foc[k + i] == foc[k] for i in range(REST_FRAMES)):
+                return k
+        return None
+
+    def moves(a, b):
+        d = [foc[k] - foc[k - 1] for k in range(max(1, a), b) if foc[k] != foc[k - 1]]
+        rev = sum(1 for i in range(1, len(d)) if (d[i] > 0) != (d[i - 1] > 0))
+        return round(sum(abs(x) for x in d), 1), rev
+
+    out = {"frames": n, "virtual_s": round((data[-1]["t_us"] - t0) / 1e6, 2)}
+    last = data[-1]
+    if last.get("subject_focus") is not None:
+        e = last["lens"]["focus"] - last["subject_focus"]
+        out["final_error"] = round(e, 1)
+        out["final_error_dof"] = round(abs(e) / dof[-1], 2)
+    k = focused_from(0)
+    if k is None:
+        out["focused"] = False
+        out["travel"], out["reversals"] = moves(0, n)
+        return out
+    out["focused"] = True
+    out["frames_to_focus"] = data[k]["exposure"] - g0
+    out["seconds_to_focus"] = round((data[k]["t_us"] - t0) / 1e6, 3)
+    out["travel"], out["reversals"] = moves(0, k + 1)
+    settle = k + REST_FRAMES
+    out["travel_total"], out["reversals_total"] = moves(0, n)
+    # subject moves: frames from the end of its last move until focused again
+    moved = [i for i in range(max(1, settle), n)
+             if sf[i] is not None and sf[i - 1] is not None and abs(sf[i] - sf[i - 1]) > 0.5]
+    if moved and not static:
+        j = moved[-1]
+        kk = focused_from(j)
+        out["refocus_frames"] = None if kk is None else data[kk]["exposure"] - data[j]["exposure"]
+    if static and settle < n:
+        episodes, rest = 0, 0
+        for i in range(settle, n):
+            if foc[i] != foc[i - 1]:
+                if rest >= REST_FRAMES:
+                    episodes += 1
+                rest = 0
+            else:
+                rest += 1
+        minutes = (data[-1]["t_us"] - data[settle]["t_us"]) / 60e6
+        out["moves_after_focus"] = episodes
+        out["false_refocus_per_min"] = round(episodes / minutes, 2) if minutes > 0 else None
+        out["max_excursion_dof"] = round(max(abs(foc[i] - sf[i]) / dof[i]
+                                             for i in range(settle, n)), 2)
+    return out
+
+
+class IspGate:
+    """A relay on the ISP link between afd and vcam that can hold the daemon's next statistics
+    request. Held, the daemon waits for its frame and the virtual clock stands still, so a command
+    given meanwhile takes effect exactly on the next frame (the trigger)."""
+    SIZES = {1: STATS_BYTES, 2: 264, 4: 292}
+
+    def __init__(self, listen_port, vcam_port):
+        self.open = threading.Event()
+        self.open.set()
+        self.waiting = threading.Event()
+        self.vcam_port = vcam_port
+        self.srv = socket.socket()
+        self.srv.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        self.srv.bind(("127.0.0.1", listen_port))
+        self.srv.listen(1)
+        self.stopped = False
+        threading.Thread(target=self.serve, daemon=True).start()
+
+    @staticmethod
+    def read(s, n):
+        buf = b""
+        while len(buf) < n:
+            b = s.recv(n - len(buf))
+            if not b:
+                raise EOFError
+            buf += b
+        return buf
+
+    def serve(self):
+        while not self.stopped:
+            try:
+                c, _ = self.srv.accept()
+            except OSError:
+                return
+            try:
+                up = socket.create_connection(("127.0.0.1", self.vcam_port), timeout=30)
+            except OSError:
+                c.close()
+                continue
+            for x in (c, up):
+                x.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+            c.settimeout(None)
+            up.settimeout(60)
+            try:
+                while True:
+                    code = self.read(c, 1)
+                    if code[0] == 1 and not self.open.is_set():
+                        self.waiting.set()
+                        self.open.wait()
+                        self.waiting.clear()
+                    body = self.read(c, 264) if code[0] == 3 else b""
+                    up.sendall(code + body)
+                    n = self.SIZES.get(code[0])
+                    if n:
+                        c.sendall(self.read(up, n))
+            except (EOFError, OSError):
+                pass
+            c.close()
+            up.close()
+
+    def close(self):
+        self.stopped = True
+        self.open.set()
+        self.srv.close()
+
+
+def afctl(build, env, *args):
+    r = subprocess.run([os.path.join(build, "afctl"), "--timeout", "2000"] + list(args), env=env,
+                       capture_output=True, text=True, timeout=60)
+    if r.returncode != 0:
+        raise RuntimeError("afctl %s: %s" % (" ".join(args), (r.stderr or r.stdout).strip()[-200:]))
+    return r.stdout
+
+
+def wait_lens(tele, axis, target, tol, rest=10, timeout=30):
+    """Waits until the true lens position on `axis` is within tol of target and unchanged for
+    `rest` frames; returns the last row."""
+    end = time.time() + timeout
+    while time.time() < end:
+        data = rows_tail(tele, rest)
+        if len(data) == rest and all(abs(r["lens"][axis] - target) <= tol and
+                                     r["lens"][axis] == data[-1]["lens"][axis] for r in data):
+            return data[-1]
+        time.sleep(0.05)
+    raise RuntimeError("lens %s never reached %s" % (axis, target))
+
+
+def rows_tail(path, n):
+    try:
+        with open(path, "rb") as f:
+            f.seek(0, 2)
+            f.seek(max(0, f.tell() - 4096 * (n + 2)))
+            lines = f.read().split(b"\n")[1:-1]
+    except FileNotFoundError:
+        return []
+    out = []
+    for line in lines[-n:]:
+        try:
+            out.append(json.loads(line))
+        except ValueError:
+            pass
+    return out
+
+
+def run_daemon(build, base, ov, extra, seconds, port, outdir, name, mode):
+    sb = make_sandbox()
+    env = sandbox_env(sb, port)
+    text = scenario_text(base, ov)
+    m = re.search(r"lens:\n(?:\s+.*\n)*?\s+zoom: (\d+)", text)
+    zoom = int(m.group(1)) if m else 0
+    m = re.search(r"lens:\n(?:\s+.*\n)*?\s+focus: (\d+)", text)
+    start = int(m.group(1)) if m else 2400
+    scen = os.path.join(sb, "scene.yaml")
+    open(scen, "w").write(text)
+    tele = os.path.join(sb, "run/telemetry.jsonl")
+    procs = []
+    wall = time.time()
+    gate = IspGate(port, port + 4)
+    res = {"wall_s": 0}
+    trigger = None
+    try:
+        procs.append(subprocess.Popen([os.path.join(build, "sim/vcam"), "--mode", "virtual",
+                                       "--port", str(port + 4), "--telemetry", tele] + extra +
+                                      [scen], env=env, stdout=subprocess.DEVNULL,
+                                      stderr=subprocess.DEVNULL))
+        for _ in range(100):
+            if os.path.exists(env["AFD_SIM_SOCKET"]):
+                break
+            time.sleep(0.05)
+        procs.append(subprocess.Popen([os.path.join(build, "afd")], env=env,
+                                      stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL))
+        for _ in range(240):
+            if subprocess.run([os.path.join(build, "afctl"), "--timeout", "300", "error"],
+                              env=env, capture_output=True).returncode == 0:
+                break
+            time.sleep(0.25)
+        for _ in range(600):  # the daemon's lens initialisation ends, frames flow
+            if len(rows_tail(tele, 5)) == 5:
+                break
+            time.sleep(0.05)
+        # the commanded start: autofocus off, zoom, focus, each to rest
+        afctl(build, env, "af", "--mode", "off")
+        afctl(build, env, "zoom", "--to", str(zoom), "--speed", "7")
+        wait_lens(tele, "zoom", zoom, 60)  # the zoom stops within a few steps
+        afctl(build, env, "focus", "--to", str(start), "--speed", "7")
+        wait_lens(tele, "focus", start, 400)  # or where the range ends
+        # hold the clock, switch autofocus on, release: the next frame is the trigger
+        gate.open.clear()
+        if not gate.waiting.wait(30):
+            raise RuntimeError("daemon stopped fetching frames")
+        time.sleep(0.05)
+        trigger = rows_tail(tele, 1)[-1]["exposure"] + 1
+        afctl(build, env, "af", "--mode", mode)
+        gate.open.set()
+        deadline = time.time() + max(120, seconds * 4)
+        while time.time() < deadline:
+            last = rows_tail(tele, 1)
+            if last and last[-1]["exposure"] - trigger > seconds * 1e6 / period_of(last[-1]):
+                break
+            if any(p.poll() is not None for p in procs):
+                break
+            time.sleep(0.05)
+        exited = [p.args[0] for p in procs if p.poll() is not None]
+        if exited:
+            res["note"] = "exited early: " + ", ".join(os.path.basename(x) for x in exited)
+    except Exception as e:
+        res["error"] = f"{type(e).__name__}: {e}"
+    finally:
+        gate.open.set()
+        stop(procs)
+        gate.close()
+    res["wall_s"] = round(time.time() - wall, 1)
+    data = [r for r in rows(tele) if trigger is not None and r["exposure"] >= trigger]
+    if not data:
+        res.setdefault("error", "no telemetry after the trigger")
+        return res, tele
+    static = not re.search(r"\ntimeline:", text) and "sweep:" not in text
+    res["trigger_frame"] = trigger
+    res["start"] = data[0]["lens"]["focus"]
+    res["start_zoom"] = data[0]["lens"]["zoom"]
+    res.update(score(data, seconds * 1e6, static, ov.get("fps")))
+    res["static"] = static
+    if outdir:
+        sub = os.path.join(sb, "run/after_trigger.jsonl")
+        with open(sub, "w") as f:
+            for r in data:
+                f.write(json.dumps(r) + "\n")
+        svg = os.path.join(outdir, name + ".svg")
+        r = subprocess.run([os.path.join(build, "tools/telemetry_plot"), sub, svg],
+                           capture_output=True, text=True)
+        res["plot"] = svg if r.returncode == 0 else "plot failed: " + r.stderr.strip()[-200:]
+    return res, tele
+
+
+def period_of(row):
+    return row["t_us"] / row["exposure"] if row["exposure"] else 33333.0
+
+
+def run_case(build, case, seconds, port, outdir, mode):
+    name, base, ov = case
+    ov = dict(ov)
+    extra = vcam_args(ov)
+    res = {"case": name, "scenario": base, "overrides": dict(ov)}
+    if "offset" in ov:  # the start is placed relative to the subject's in-focus position
+        probe = vcam_alone(build, scenario_text(base, ov, static=True), extra, 2, port + 8)
+        sf0 = probe[0].get("subject_focus") if probe else None
+        if sf0 is None:
+            res["error"] = "no subject"
+            return res
+        ov["start"] = int(round(max(0, min(FOCUS_MAX, sf0 + ov["offset"]))))
+    d, _ = run_daemon(build, base, ov, extra, seconds, port, outdir, name, mode)
+    res["daemon"] = d
+    # the references start where the daemon's search really started (the zoom stops a few steps
+    # off the command; the focus range may end before the commanded start)
+    if "start" in d:
+        ov["start"], ov["zoom"] = int(round(d["start"])), max(0, int(round(d["start_zoom"])))
+    res["reference"] = references(build, base, ov, extra, port + 6)
+    o = res["reference"].get("oracle_frames")
+    if d.get("frames_to_focus") is not None and o:
+        res["ratio_oracle"] = round(d["frames_to_focus"] / o, 2)
+    return res
+
+
+def fmt(v, spec=""):
+    if v is None:
+        return "-"
+    return format(v, spec)
+
+
+def print_row(r):
+    d = r.get("daemon", {})
+    ref = r.get("reference", {})
+    sw = ref.get("sweep", {})
+    ftf = d.get("frames_to_focus") if d.get("focused") else ("never" if d else "-")
+    print(f"{r['case']:<24} {fmt(ref.get('zoom')):>5} {fmt(ref.get('start')):>5} "
+          f"{fmt(ref.get('subject_focus'), '.0f'):>6} {fmt(ref.get('depth_of_focus'), '.1f'):>5} "
+          f"{fmt(ftf):>6} {fmt(ref.get('oracle_frames')):>6} {fmt(r.get('ratio_oracle')):>5} "
+          f"{fmt(d.get('final_error')):>7} {fmt(d.get('final_error_dof')):>6} "
+          f"{fmt(sw.get('error_dof')):>6} {fmt(d.get('travel')):>6} {fmt(d.get('reversals')):>4} "
+          f"{fmt(d.get('false_refocus_per_min')):>6} {fmt(d.get('refocus_frames')):>6}  "
+          f"{r.get('error') or ref.get('error') or d.get('error') or d.get('note') or ''}")
+    sys.stdout.flush()
+
+
+def summary(results):
+    ftf = [r["daemon"]["frames_to_focus"] for r in results
+           if r.get("daemon", {}).get("focused")]
+    err = [r["daemon"]["final_error_dof"] for r in results
+           if r.get("daemon", {}).get("final_error_dof") is not None]
+    rev = [r["daemon"]["reversals"] for r in results if "reversals" in r.get("daemon", {})]
+    fr = [r["daemon"]["false_refocus_per_min"] for r in results
+          if r.get("daemon", {}).get("false_refocus_per_min") is not None]
+    rat = [r["ratio_oracle"] for r in results if r.get("ratio_oracle") is not None]
+    s = {"cases": len(results), "focused": len(ftf)}
+    if ftf:
+        s["frames_to_focus_median"] = statistics.median(ftf)
+        s["frames_to_focus_worst"] = max(ftf)
+    if err:
+        s["final_error_dof_median"] = statistics.median(err)
+        s["final_error_dof_worst"] = max(err)
+    if rev:
+        s["reversals_median"], s["reversals_worst"] = statistics.median(rev), max(rev)
+    if fr:
+        s["false_refocus_per_min_median"], s["false_refocus_per_min_worst"] = \
+            statistics.median(fr), max(fr)
+    if rat:
+        s["ratio_oracle_median"], s["ratio_oracle_worst"] = statistics.median(rat), max(rat)
+    return s
+
+
+def main():
+    ap = argparse.ArgumentParser(description=__doc__,
+                                 formatter_class=argparse.RawDescriptionHelpFormatter)
+    ap.add_argument("--build", default=os.path.join(ROOT, "build"))
+    ap.add_argument("--suite", choices=["daylight", "library", "all"], default="all")
+    ap.add_argument("--only", help="run only the cases whose name contains this")
+    ap.add_argument("--seconds", type=float, default=30.0, help="virtual seconds per case")
+    ap.add_argument("--mode", default="continuous", choices=["continuous", "once"],
+                    help="autofocus mode switched on at the trigger")
+    ap.add_argument("--json")
+    ap.add_argument("--out", help="directory for the SVG plots (default: a new temporary one)")
+    a = ap.parse_args()
+    cases = (DAYLIGHT if a.suite in ("daylight", "all") else []) + \
+            (LIBRARY if a.suite in ("library", "all") else [])
+    if a.only:
+        cases = [c for c in cases if a.only in c[0]]
+    outdir = a.out or tempfile.mkdtemp(prefix="afbench-plots-")
+    os.makedirs(outdir, exist_ok=True)
+    port = 20000 + (os.getpid() % 800) * 12
+    print(f"{'case':<24} {'zoom':>5} {'start':>5} {'truth':>6} {'dof':>5} {'ftf':>6} "
+          f"{'oracle':>6} {'ratio':>5} {'err':>7} {'e/dof':>6} {'sw/dof':>6} {'travel':>6} "
+          f"{'rev':>4} {'fr/min':>6} {'refoc':>6}")
+    results = []
+    for c in cases:
+        try:
+            r = run_case(a.build, c, a.seconds, port, outdir, a.mode)
+        except Exception as e:  # report and go on with the next case
+            r = {"case": c[0], "scenario": c[1], "error": f"{type(e).__name__}: {e}"}
+        port += 12
+        results.append(r)
+        print_row(r)
+    s = summary(results)
+    print("summary:", json.dumps(s))
+    print("plots:", outdir)
+    if a.json:
+        json.dump({"seconds": a.seconds, "build": a.build, "summary": s, "cases": results},
+                  open(a.json, "w"), indent=1)
+
+
+if __name__ == "__main__":
+    main()
