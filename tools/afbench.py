@@ -491,7 +491,10 @@ def run_daemon(build, base, ov, extra, seconds, port, outdir, name, mode):
         afctl(build, env, "zoom", "--to", str(zoom), "--speed", "7")
         wait_lens(tele, "zoom", zoom, 60)  # the zoom stops within a few steps
         afctl(build, env, "focus", "--to", str(start), "--speed", "7")
-        wait_lens(tele, "focus", start, 400)  # or where the range ends
+        try:
+            wait_lens(tele, "focus", start, 2, timeout=8)
+        except RuntimeError:  # the focus range may end before the commanded start
+            wait_lens(tele, "focus", start, 400)
         # hold the clock, switch autofocus on, release: the next frame is the trigger
         gate.open.clear()
         if not gate.waiting.wait(30):
@@ -569,10 +572,10 @@ def run_case(build, case, seconds, port, outdir, mode):
     return res
 
 
-def fmt(v, spec=""):
+def fmt(v, how=""):
     if v is None:
         return "-"
-    return format(v, spec)
+    return format(v, how)
 
 
 def print_row(r):
