@@ -37,7 +37,7 @@ TEST(FrameStampLayout, EncodesARealisticStamp) {
     // Frame 300 captured 5 s into the virtual time line.
     Bytes12 out{};
     afdata::frame_stamp_encode({300u, 5000000ull}, out.data());
-    const Bytes12 expected = {0x2C, 0x01, 0x00, 0x00,                            // 300
+    const Bytes12 expected = {0x2C, 0x01, 0x00, 0x00,                           // 300
                               0x40, 0x4B, 0x4C, 0x00, 0x00, 0x00, 0x00, 0x00};  // 5000000
     EXPECT_EQ(out, expected);
 }
