@@ -20,29 +20,11 @@ namespace {
 using msfake::Event;
 using testsupport::capture_stdout;
 
-class ChipDetectTest : public ::testing::Test {
+class ChipDetectTest : public msfake::RigTest<platform::VirtualClock> {
   protected:
     void SetUp() override {
-        platform::select_clock(&clock);
-        platform::select_spi(&spi);
-        platform::select_gpio(&gpio);
-        reset_modules();
+        RigTest::SetUp();
         capture_stdout([] { gpio_load_pins(); });
-    }
-    void TearDown() override {
-        reset_modules();
-        platform::select_spi(nullptr);
-        platform::select_gpio(nullptr);
-        platform::select_clock(nullptr);
-    }
-    static void reset_modules() {
-        spi_reset_for_testing();
-        gpio_reset_for_testing();
-        ms_reset_for_testing();
-        lc_reset_for_testing();
-        lens_driver_reset_for_testing();
-        lens_position_reset_for_testing();
-        iris_reset_for_testing();
     }
     std::string detect() {
         return capture_stdout([] { lens_detect_chip(); });
@@ -56,12 +38,6 @@ class ChipDetectTest : public ::testing::Test {
                ops.focus_step == want.focus_step && ops.zoom_step == want.zoom_step &&
                ops.move_both == want.move_both;
     }
-
-    testsupport::SandboxRoot root;
-    platform::VirtualClock clock;
-    msfake::Chip chip;
-    msfake::Spi spi{chip};
-    msfake::Gpio gpio{chip};
 };
 
 TEST_F(ChipDetectTest, AnLc898201AnsweringTheProbeKeepsItsTable) {

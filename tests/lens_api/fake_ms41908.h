@@ -22,9 +22,20 @@
 #include <thread>
 #include <vector>
 
+#include <gtest/gtest.h>
+
+#include "lens_api/gpio_pins.h"
+#include "lens_api/iris.h"
+#include "lens_api/lc898201.h"
+#include "lens_api/lens_driver.h"
+#include "lens_api/lens_ms.h"
+#include "lens_api/lens_position.h"
+#include "lens_api/spi_link.h"
+#include "platform/clock.h"
 #include "platform/gpio.h"
 #include "platform/sim/virtual_clock.h"
 #include "platform/spi.h"
+#include "tests/support/test_env.h"
 
 namespace msfake {
 
@@ -307,6 +318,40 @@ class Gpio final : public platform::GpioBackend {
 
   private:
     Chip& chip_;
+};
+
+// Test fixture: the fake chip behind the SPI and GPIO seams, a sandbox root, the given clock,
+// and every lens module back at its power-on state before and after each test.
+template <typename ClockT>
+class RigTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        platform::select_clock(&clock);
+        platform::select_spi(&spi);
+        platform::select_gpio(&gpio);
+        reset_modules();
+    }
+    void TearDown() override {
+        reset_modules();
+        platform::select_spi(nullptr);
+        platform::select_gpio(nullptr);
+        platform::select_clock(nullptr);
+    }
+    static void reset_modules() {
+        spi_reset_for_testing();
+        gpio_reset_for_testing();
+        ms_reset_for_testing();
+        lc_reset_for_testing();
+        lens_driver_reset_for_testing();
+        lens_position_reset_for_testing();
+        iris_reset_for_testing();
+    }
+
+    testsupport::SandboxRoot root;
+    ClockT clock;
+    Chip chip;
+    Spi spi{chip};
+    Gpio gpio{chip};
 };
 
 }  // namespace msfake

@@ -90,13 +90,10 @@ class YieldingClock final : public platform::Clock {
     platform::VirtualClock clock_;
 };
 
-class MsConcurrencyTest : public ::testing::Test {
+class MsConcurrencyTest : public msfake::RigTest<YieldingClock> {
   protected:
     void SetUp() override {
-        platform::select_clock(&clock);
-        platform::select_spi(&spi);
-        platform::select_gpio(&gpio);
-        reset_modules();
+        RigTest::SetUp();
         capture_stdout([] {
             gpio_load_pins();
             lens_detect_chip();
@@ -111,26 +108,6 @@ class MsConcurrencyTest : public ::testing::Test {
         chip.clear_events();
         chip.write_pause = std::chrono::microseconds(2);
     }
-    void TearDown() override {
-        reset_modules();
-        platform::select_spi(nullptr);
-        platform::select_gpio(nullptr);
-        platform::select_clock(nullptr);
-    }
-    static void reset_modules() {
-        spi_reset_for_testing();
-        gpio_reset_for_testing();
-        ms_reset_for_testing();
-        lens_driver_reset_for_testing();
-        lens_position_reset_for_testing();
-        iris_reset_for_testing();
-    }
-
-    testsupport::SandboxRoot root;
-    YieldingClock clock;
-    msfake::Chip chip;
-    msfake::Spi spi{chip};
-    msfake::Gpio gpio{chip};
 };
 
 TEST_F(MsConcurrencyTest, CommandThreadNeverSplitsTheMainThreadsRegisterGroups) {

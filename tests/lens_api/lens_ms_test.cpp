@@ -23,28 +23,11 @@ using msfake::Event;
 using testsupport::capture_stdout;
 using Writes = std::vector<std::pair<uint8_t, uint16_t>>;
 
-class MsDriverTest : public ::testing::Test {
+class MsDriverTest : public msfake::RigTest<platform::VirtualClock> {
   protected:
     void SetUp() override {
-        platform::select_clock(&clock);
-        platform::select_spi(&spi);
-        platform::select_gpio(&gpio);
-        reset_modules();
+        RigTest::SetUp();
         capture_stdout([] { gpio_load_pins(); });
-    }
-    void TearDown() override {
-        reset_modules();
-        platform::select_spi(nullptr);
-        platform::select_gpio(nullptr);
-        platform::select_clock(nullptr);
-    }
-    static void reset_modules() {
-        spi_reset_for_testing();
-        gpio_reset_for_testing();
-        ms_reset_for_testing();
-        lens_driver_reset_for_testing();
-        lens_position_reset_for_testing();
-        iris_reset_for_testing();
     }
     // The chip as the driver finds it after detection and set-up.
     void set_up_chip() {
@@ -63,12 +46,6 @@ class MsDriverTest : public ::testing::Test {
                 out.push_back(e.kind);
         return out;
     }
-
-    testsupport::SandboxRoot root;
-    platform::VirtualClock clock;
-    msfake::Chip chip;
-    msfake::Spi spi{chip};
-    msfake::Gpio gpio{chip};
 };
 
 constexpr auto W = Event::kWrite;
