@@ -67,6 +67,19 @@ uint64_t Camera::first_frame_after(uint64_t now_us) const {
     return k;
 }
 
+double Camera::scene_time(double t) const {
+    if (timeline_go_ == nullptr)
+        return t;
+    return timeline_started_ ? std::max(0.0, t - timeline_origin_s_) : 0.0;
+}
+
+void Camera::check_timeline_start(double t_k) {
+    if (timeline_go_ != nullptr && !timeline_started_ && timeline_go_->load()) {
+        timeline_started_ = true;
+        timeline_origin_s_ = t_k;
+    }
+}
+
 bool Camera::lens_script_in_scenario() const {
     if (sc_.lens.sweep.active)
         return true;
@@ -83,7 +96,7 @@ void Camera::drive_lens(uint64_t k, double t) {
         const double v = sweep_at(sc_.lens.sweep, k);
         (sc_.lens.sweep.focus_axis ? cur.focus : cur.zoom) = v;
     }
-    const SceneState s = scene_at(sc_, t);
+    const SceneState s = scene_at(sc_, scene_time(t));
     if (!std::isnan(s.lens_zoom))
         cur.zoom = s.lens_zoom;
     if (!std::isnan(s.lens_focus))
@@ -96,8 +109,8 @@ void Camera::drive_lens(uint64_t k, double t) {
 
 void Camera::render_exposure(const Exposure& e, BlockStats* out, double* transmission) {
     const double t = static_cast<double>(grid_time_us(e.k)) / 1e6;
-    const SceneState scene = scene_at(sc_, t);
-    const SceneState prev = scene_at(sc_, std::max(0.0, t - period_us_ / 1e6));
+    const SceneState scene = scene_at(sc_, scene_time(t));
+    const SceneState prev = scene_at(sc_, scene_time(std::max(0.0, t - period_us_ / 1e6)));
     RenderInput in;
     in.scenario = &sc_;
     in.scene = &scene;
@@ -119,6 +132,7 @@ void Camera::render_exposure(const Exposure& e, BlockStats* out, double* transmi
 
 void Camera::frame(uint64_t k, uint64_t stamp_us, uint8_t* out, FrameTruth* truth) {
     const double t_k = static_cast<double>(grid_time_us(k)) / 1e6;
+    check_timeline_start(t_k);
     if (scripted_)
         drive_lens(k, t_k);
     const LensTruth end = mech_->snapshot();
@@ -154,12 +168,12 @@ void Camera::frame(uint64_t k, uint64_t stamp_us, uint8_t* out, FrameTruth* trut
     if (truth == nullptr)
         return;
     const double t_e = static_cast<double>(grid_time_us(shown.k)) / 1e6;
-    const SceneState scene = scene_at(sc_, t_e);
+    const SceneState scene = scene_at(sc_, scene_time(t_e));
     FrameTruth& tr = *truth;
     tr.frame = k;
     tr.exposure = shown.k;
     tr.stamp_us = stamp_us;
-    tr.scene_time_s = t_e;
+    tr.scene_time_s = scene_time(t_e);
     tr.lens = shown.end;
     tr.lens_start = shown.start;
     const double zoom = shown.end.zoom;

@@ -11,6 +11,7 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -64,6 +65,13 @@ class Camera {
     // for in increasing k; gaps are frames nobody fetched. truth may be null.
     void frame(uint64_t k, uint64_t stamp_us, uint8_t* out, FrameTruth* truth);
 
+    // Holds the scenario's timeline at its start until *go becomes true; the first frame that
+    // sees it true becomes scene time 0. A benchmark sets it at the moment it switches the
+    // autofocus on, so scripted scene changes happen at the same time after that trigger however
+    // long the daemon's start-up took. go must outlive the camera; null runs the timeline from
+    // the first frame as usual.
+    void hold_timeline_until(const std::atomic<bool>* go) { timeline_go_ = go; }
+
     void af_attr(uint8_t* out) const;
     void set_af_attr(const uint8_t* in);
     void exposure_record(uint8_t* out) const { ae_.record(out); }
@@ -77,6 +85,9 @@ class Camera {
     };
 
     bool lens_script_in_scenario() const;
+    // Scene time (s) of capture time t (s): t itself, or the time since the timeline started.
+    double scene_time(double t) const;
+    void check_timeline_start(double t_k);
     void drive_lens(uint64_t k, double t);
     void render_exposure(const Exposure& e, BlockStats* out, double* transmission);
 
@@ -87,6 +98,9 @@ class Camera {
     double profile_ = 0.0;
     double period_us_;
     bool scripted_;  // the scenario moves the lens itself (no lens hardware needed)
+    const std::atomic<bool>* timeline_go_ = nullptr;
+    bool timeline_started_ = false;
+    double timeline_origin_s_ = 0.0;
     bool have_last_ = false;
     uint64_t last_k_ = 0;
     LensTruth last_end_;

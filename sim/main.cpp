@@ -21,9 +21,14 @@
 namespace {
 
 std::atomic<bool> g_stop{false};
+std::atomic<bool> g_timeline_go{false};
 
 void on_signal(int) {
     g_stop.store(true);
+}
+
+void on_timeline_signal(int) {
+    g_timeline_go.store(true);
 }
 
 void usage(FILE* f) {
@@ -42,6 +47,7 @@ void usage(FILE* f) {
                  "  --fps F              frame rate (overrides the scenario)\n"
                  "  --jitter-us J        real-time delivery jitter, +-J microseconds\n"
                  "  --frames N           stop after delivering N frames\n"
+                 "  --hold-timeline      hold the scenario's timeline at its start until SIGUSR1\n"
                  "  --check              only read and check the scenario\n");
 }
 
@@ -109,6 +115,7 @@ int main(int argc, char** argv) {
 
     std::string telemetry_path;
     bool check_only = false;
+    bool hold_timeline = false;
     bool no_noise = false;
     bool have_seed = false;
     uint64_t seed = 0;
@@ -128,6 +135,7 @@ int main(int argc, char** argv) {
         kFps,
         kJitter,
         kFrames,
+        kHoldTimeline,
         kCheck,
         kHelp
     };
@@ -142,6 +150,7 @@ int main(int argc, char** argv) {
                            {"fps", required_argument, nullptr, kFps},
                            {"jitter-us", required_argument, nullptr, kJitter},
                            {"frames", required_argument, nullptr, kFrames},
+                           {"hold-timeline", no_argument, nullptr, kHoldTimeline},
                            {"check", no_argument, nullptr, kCheck},
                            {"help", no_argument, nullptr, kHelp},
                            {nullptr, 0, nullptr, 0}};
@@ -193,6 +202,9 @@ int main(int argc, char** argv) {
             case kFrames:
                 ok = parse_u64(optarg, &cfg.max_frames);
                 break;
+            case kHoldTimeline:
+                hold_timeline = true;
+                break;
             case kCheck:
                 check_only = true;
                 break;
@@ -241,9 +253,14 @@ int main(int argc, char** argv) {
     sigaction(SIGINT, &sa, nullptr);
     sigaction(SIGTERM, &sa, nullptr);
     signal(SIGPIPE, SIG_IGN);
+    struct sigaction su {};
+    su.sa_handler = on_timeline_signal;
+    sigaction(SIGUSR1, &su, nullptr);
 
     vcam::LensMechanics mech;
     vcam::Camera camera(sc, &mech);
+    if (hold_timeline)
+        camera.hold_timeline_until(&g_timeline_go);
     vcam::TelemetryWriter telemetry;
     if (!telemetry_path.empty() && !telemetry.open(telemetry_path))
         return 1;

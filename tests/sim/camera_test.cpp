@@ -2,6 +2,7 @@
 // and its mapping onto the exposure record, and the filter profile.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cmath>
 #include <cstring>
 #include <sstream>
@@ -132,6 +133,30 @@ TEST(Latency, FramesNobodyFetchedStillCount) {
     cam.frame(13, cam.grid_time_us(13), f, nullptr);
     EXPECT_GT(late, 5 * before);
     EXPECT_DOUBLE_EQ(late, centre_v_of(f));
+}
+
+TEST(Timeline, HeldTimelineStartsAtTheFirstFrameAfterTheTrigger) {
+    // The lens script jumps at frame 10 of scene time. Held, nothing happens until the trigger;
+    // the frame that first sees it is scene time 0, so the jump shows ten frames later.
+    vcam::LensMechanics mech;
+    vcam::Camera cam(latency_scenario(1), &mech);
+    std::atomic<bool> go{false};
+    cam.hold_timeline_until(&go);
+    uint8_t f[kStatFrameSize];
+    vcam::FrameTruth truth;
+    std::vector<double> v;
+    for (uint64_t k = 1; k <= 40; ++k) {
+        if (k == 21)
+            go = true;
+        cam.frame(k, cam.grid_time_us(k), f, &truth);
+        v.push_back(centre_v_of(f));
+        if (k == 20) {
+            EXPECT_EQ(truth.scene_time_s, 0.0) << "held: the scene stands at its start";
+        }
+    }
+    EXPECT_DOUBLE_EQ(v[29], v[0]) << "frame 30 is scene frame 9: before the jump";
+    EXPECT_GT(v[30], 5 * v[0]) << "frame 31 is scene frame 10: the jump";
+    EXPECT_NEAR(truth.scene_time_s, 19.0 / 30.0, 1e-6);
 }
 
 vcam::Scenario lit(double illumination, const std::string& mapping) {
