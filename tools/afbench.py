@@ -50,7 +50,9 @@ STATS_BYTES = 5504
 
 # (name, scenario file, overrides). Overrides: zoom, start (absolute focus) or offset (start =
 # subject's in-focus position + offset: negative is on the near side, positive on the far side),
-# fps (vcam --fps), noise (False: vcam --no-noise).
+# fps (vcam --fps), noise (False: vcam --no-noise), actions (a list of (seconds after the
+# trigger, afctl arguments), each given exactly on that virtual frame).
+# The scenario's timeline runs from the trigger (vcam --hold-timeline), not from vcam's start.
 DAYLIGHT = [
     ("wide-far", "bench_daylight_plane.yaml", {"zoom": 0, "offset": +150}),
     ("wide-near", "bench_daylight_plane.yaml", {"zoom": 0, "offset": -150}),
@@ -68,11 +70,16 @@ DAYLIGHT = [
                                                        "noise": False}),
     ("mid-lowcontrast", "bench_low_contrast_wall.yaml", {}),
     ("mid-offcentre", "bench_offcentre_subject.yaml", {}),
-    ("mid-moves-in-depth", "bench_subject_moves_depth.yaml", {}),
+    # scene changes after the first focus: the subject moves in depth at 8 s; a zoom towards the
+    # tele end at 6 s (the zoom tracks the curve, then the search refocuses)
+    ("tele-moves-in-depth", "bench_subject_moves_depth.yaml", {}),
+    ("zoom-then-refocus", "bench_daylight_plane.yaml",
+     {"zoom": 1000, "offset": +150, "actions": [(6.0, ["zoom", "--to", "5000", "--speed", "4"])]}),
 ]
 LIBRARY = [
     ("lib-daylight_chart", "daylight_chart.yaml", {}),
     ("lib-object_enters", "object_enters.yaml", {}),
+    ("lib-offcentre_before_facade", "offcentre_before_facade.yaml", {}),
     ("lib-dusk_two_depths", "dusk_two_depths.yaml", {}),
     ("lib-night_lamps", "night_lamps.yaml", {}),
     ("lib-focus_sweep", "focus_sweep.yaml", {}),
@@ -169,6 +176,8 @@ def vcam_args(case_ov):
         args += ["--fps", str(case_ov["fps"])]
     if case_ov.get("noise") is False:
         args += ["--no-noise"]
+    if "seed" in case_ov:
+        args += ["--seed", str(case_ov["seed"])]
     return args
 
 
@@ -362,6 +371,7 @@ class IspGate:
         self.srv.bind(("127.0.0.1", listen_port))
         self.srv.listen(1)
         self.stopped = False
+        self.hold_at = None  # close the gate once a statistics frame of this sequence is relayed
         threading.Thread(target=self.serve, daemon=True).start()
 
     @staticmethod
@@ -400,7 +410,12 @@ class IspGate:
                     up.sendall(code + body)
                     n = self.SIZES.get(code[0])
                     if n:
-                        c.sendall(self.read(up, n))
+                        reply = self.read(up, n)
+                        c.sendall(reply)
+                        if code[0] == 1 and self.hold_at is not None and \
+                                struct.unpack_from("<I", reply)[0] >= self.hold_at:
+                            self.hold_at = None
+                            self.open.clear()
             except (EOFError, OSError):
                 pass
             c.close()
@@ -450,7 +465,7 @@ def rows_tail(path, n):
     return out
 
 
-def run_daemon(build, base, ov, extra, seconds, port, outdir, name, mode):
+def run_daemon(build, base, ov, extra, seconds, port, outdir, name, mode, callgrind=None):
     sb = make_sandbox()
     env = sandbox_env(sb, port)
     text = scenario_text(base, ov)
@@ -467,16 +482,21 @@ def run_daemon(build, base, ov, extra, seconds, port, outdir, name, mode):
     res = {"wall_s": 0}
     trigger = None
     try:
-        procs.append(subprocess.Popen([os.path.join(build, "sim/vcam"), "--mode", "virtual",
-                                       "--port", str(port + 4), "--telemetry", tele] + extra +
-                                      [scen], env=env, stdout=subprocess.DEVNULL,
-                                      stderr=subprocess.DEVNULL))
+        vcam = subprocess.Popen([os.path.join(build, "sim/vcam"), "--mode", "virtual",
+                                 "--port", str(port + 4), "--telemetry", tele, "--hold-timeline"]
+                                + extra + [scen], env=env, stdout=subprocess.DEVNULL,
+                                stderr=subprocess.DEVNULL)
+        procs.append(vcam)
         for _ in range(100):
             if os.path.exists(env["AFD_SIM_SOCKET"]):
                 break
             time.sleep(0.05)
-        procs.append(subprocess.Popen([os.path.join(build, "afd")], env=env,
-                                      stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL))
+        cmd = [os.path.join(build, "afd")]
+        if callgrind:  # instruction counts of the daemon, zeroed at the trigger
+            cmd = ["valgrind", "--tool=callgrind", "--callgrind-out-file=" + callgrind] + cmd
+        daemon = subprocess.Popen(cmd, env=env, stdout=open(os.path.join(sb, "run/afd.log"), "wb"),
+                                  stderr=subprocess.STDOUT)
+        procs.append(daemon)
         for _ in range(240):
             if subprocess.run([os.path.join(build, "afctl"), "--timeout", "300", "error"],
                               env=env, capture_output=True).returncode == 0:
@@ -500,17 +520,51 @@ def run_daemon(build, base, ov, extra, seconds, port, outdir, name, mode):
         if not gate.waiting.wait(30):
             raise RuntimeError("daemon stopped fetching frames")
         time.sleep(0.05)
-        trigger = rows_tail(tele, 1)[-1]["exposure"] + 1
+        last = rows_tail(tele, 1)[-1]
+        if ov.get("phase"):  # a few frames more: the trigger meets the daemon's cadence elsewhere
+            gate.hold_at = last["frame"] + ov["phase"]
+            gate.waiting.clear()
+            gate.open.set()
+            while gate.hold_at is not None or not gate.waiting.is_set():
+                time.sleep(0.01)
+            time.sleep(0.05)
+            last = rows_tail(tele, 1)[-1]
+        trigger = last["exposure"] + 1
+        if callgrind:
+            subprocess.run(["callgrind_control", "--zero", str(daemon.pid)], check=True,
+                           capture_output=True, timeout=60)
         afctl(build, env, "af", "--mode", mode)
+        vcam.send_signal(signal.SIGUSR1)  # the scenario's timeline starts with the next frame
+        fps = ov.get("fps") or fps_of(text)
+        actions = sorted(ov.get("actions", []))
+        if actions:
+            gate.hold_at = last["frame"] + round(actions[0][0] * fps)
+        gate.waiting.clear()
         gate.open.set()
         deadline = time.time() + max(120, seconds * 4)
         while time.time() < deadline:
+            if actions and gate.waiting.is_set():
+                afctl(build, env, *actions.pop(0)[1])
+                if actions:
+                    gate.hold_at = last["frame"] + round(actions[0][0] * fps)
+                gate.waiting.clear()
+                gate.open.set()
             last = rows_tail(tele, 1)
             if last and last[-1]["exposure"] - trigger > seconds * 1e6 / period_of(last[-1]):
                 break
             if any(p.poll() is not None for p in procs):
                 break
             time.sleep(0.05)
+        if callgrind:
+            gate.open.clear()  # the daemon waits for its next frame while the counts are written
+            gate.waiting.wait(30)
+            subprocess.run(["callgrind_control", "--dump", str(daemon.pid)], check=True,
+                           capture_output=True, timeout=120)
+            gate.open.set()
+            dumps = sorted(f for f in os.listdir(os.path.dirname(callgrind))
+                           if f.startswith(os.path.basename(callgrind) + "."))
+            if dumps:
+                res["cpu"] = callgrind_costs(os.path.join(os.path.dirname(callgrind), dumps[-1]))
         exited = [p.args[0] for p in procs if p.poll() is not None]
         if exited:
             res["note"] = "exited early: " + ", ".join(os.path.basename(x) for x in exited)
@@ -525,7 +579,8 @@ def run_daemon(build, base, ov, extra, seconds, port, outdir, name, mode):
     if not data:
         res.setdefault("error", "no telemetry after the trigger")
         return res, tele
-    static = not re.search(r"\ntimeline:", text) and "sweep:" not in text
+    static = not re.search(r"\ntimeline:", text) and "sweep:" not in text and \
+        not ov.get("actions")
     res["trigger_frame"] = trigger
     res["start"] = data[0]["lens"]["focus"]
     res["start_zoom"] = data[0]["lens"]["zoom"]
@@ -543,11 +598,51 @@ def run_daemon(build, base, ov, extra, seconds, port, outdir, name, mode):
     return res, tele
 
 
+def fps_of(text):
+    m = re.search(r"^fps: ([0-9.]+)", text, re.M)
+    return float(m.group(1)) if m else 30.0
+
+
+COST_FUNCS = {"frame": "FrameLoop::iteration()", "af_frame": "AfFrame()",
+              "fetch": "af_stat_fetch(unsigned char)", "sample": "SampleFrame()"}
+HEAP_FUNCS = ("malloc", "calloc", "realloc", "operator new")
+
+
+def callgrind_costs(path):
+    """Inclusive instructions per call of the frame loop's pieces, and the heap calls made, from
+    a callgrind profile (callgrind_annotate's caller tree: ' Ir (..)  < caller (Nx)' lines, then
+    ' Ir (..)  *  function')."""
+    out = subprocess.run(["callgrind_annotate", "--tree=caller", "--inclusive=yes", "--auto=no",
+                          "--threshold=100", path], capture_output=True, text=True).stdout
+    calls, ir = {}, {}
+    pending = 0
+    for line in out.splitlines():
+        m = re.match(r"\s*([\d,]+) \([^)]*\)\s+<.*\((\d+)x\)", line)
+        if m:
+            pending += int(m.group(2))
+            continue
+        m = re.match(r"\s*([\d,]+) \([^)]*\)\s+\*\s+\S*?:(.*?)( \[.*)?$", line)
+        if m:  # an inlined part shows again under its header's name: keep the largest entry
+            fn = m.group(2)
+            v = int(m.group(1).replace(",", ""))
+            if v > ir.get(fn, -1):
+                ir[fn] = v
+                calls[fn] = pending
+        pending = 0
+    res = {}
+    for key, fn in COST_FUNCS.items():
+        if calls.get(fn):
+            res[key + "_calls"] = calls[fn]
+            res[key + "_ir_per_call"] = round(ir[fn] / calls[fn])
+    res["heap_calls"] = sum(n for fn, n in calls.items() if fn.startswith(HEAP_FUNCS))
+    return res
+
+
 def period_of(row):
     return row["t_us"] / row["exposure"] if row["exposure"] else 33333.0
 
 
-def run_case(build, case, seconds, port, outdir, mode):
+def run_case(build, case, seconds, port, outdir, mode, callgrind=None):
     name, base, ov = case
     ov = dict(ov)
     extra = vcam_args(ov)
@@ -559,7 +654,8 @@ def run_case(build, case, seconds, port, outdir, mode):
             res["error"] = "no subject"
             return res
         ov["start"] = int(round(max(0, min(FOCUS_MAX, sf0 + ov["offset"]))))
-    d, _ = run_daemon(build, base, ov, extra, seconds, port, outdir, name, mode)
+    d, _ = run_daemon(build, base, ov, extra, seconds, port, outdir, name, mode,
+                      os.path.join(callgrind, name + ".callgrind") if callgrind else None)
     res["daemon"] = d
     # the references start where the daemon's search really started (the zoom stops a few steps
     # off the command; the focus range may end before the commanded start)
@@ -583,13 +679,21 @@ def print_row(r):
     ref = r.get("reference", {})
     sw = ref.get("sweep", {})
     ftf = d.get("frames_to_focus") if d.get("focused") else ("never" if d else "-")
+    refoc = d.get("refocus_frames", "-")
     print(f"{r['case']:<24} {fmt(ref.get('zoom')):>5} {fmt(ref.get('start')):>5} "
           f"{fmt(ref.get('subject_focus'), '.0f'):>6} {fmt(ref.get('depth_of_focus'), '.1f'):>5} "
           f"{fmt(ftf):>6} {fmt(ref.get('oracle_frames')):>6} {fmt(r.get('ratio_oracle')):>5} "
           f"{fmt(d.get('final_error')):>7} {fmt(d.get('final_error_dof')):>6} "
           f"{fmt(sw.get('error_dof')):>6} {fmt(d.get('travel')):>6} {fmt(d.get('reversals')):>4} "
-          f"{fmt(d.get('false_refocus_per_min')):>6} {fmt(d.get('refocus_frames')):>6}  "
+          f"{fmt(d.get('false_refocus_per_min')):>6} {fmt('never' if refoc is None else refoc):>6}  "
           f"{r.get('error') or ref.get('error') or d.get('error') or d.get('note') or ''}")
+    cpu = d.get("cpu")
+    if cpu:
+        print("    callgrind, instructions per call: frame loop %s (%s frames), AfFrame %s (%s), "
+              "statistics fetch %s (%s), SampleFrame %s (%s); heap calls %s" % tuple(
+                  cpu.get(k) for k in ("frame_ir_per_call", "frame_calls", "af_frame_ir_per_call",
+                                       "af_frame_calls", "fetch_ir_per_call", "fetch_calls",
+                                       "sample_ir_per_call", "sample_calls", "heap_calls")))
     sys.stdout.flush()
 
 
@@ -628,6 +732,13 @@ def main():
     ap.add_argument("--seconds", type=float, default=30.0, help="virtual seconds per case")
     ap.add_argument("--mode", default="continuous", choices=["continuous", "once"],
                     help="autofocus mode switched on at the trigger")
+    ap.add_argument("--callgrind", metavar="DIR",
+                    help="run the daemon under callgrind, counts zeroed at the trigger; the "
+                         "profiles go to DIR (see tools/afcost.py)")
+    ap.add_argument("--seeds", type=int, default=1,
+                    help="run every case N times: noise seed k (vcam --seed) and the trigger "
+                         "(k - 1) %% 3 frames later, so it meets the daemon's AF cadence at "
+                         "another phase; 1 keeps the scenario's seed")
     ap.add_argument("--json")
     ap.add_argument("--out", help="directory for the SVG plots (default: a new temporary one)")
     a = ap.parse_args()
@@ -635,7 +746,12 @@ def main():
             (LIBRARY if a.suite in ("library", "all") else [])
     if a.only:
         cases = [c for c in cases if a.only in c[0]]
+    if a.seeds > 1:  # run k: noise seed k, trigger (k - 1) % 3 frames later
+        cases = [(f"{n}/s{k}", b, dict(ov, seed=k, phase=(k - 1) % 3)) for n, b, ov in cases
+                 for k in range(1, a.seeds + 1)]
     outdir = a.out or tempfile.mkdtemp(prefix="afbench-plots-")
+    if a.callgrind:
+        os.makedirs(a.callgrind, exist_ok=True)
     os.makedirs(outdir, exist_ok=True)
     port = 20000 + (os.getpid() % 800) * 12
     print(f"{'case':<24} {'zoom':>5} {'start':>5} {'truth':>6} {'dof':>5} {'ftf':>6} "
@@ -644,7 +760,7 @@ def main():
     results = []
     for c in cases:
         try:
-            r = run_case(a.build, c, a.seconds, port, outdir, a.mode)
+            r = run_case(a.build, c, a.seconds, port, outdir, a.mode, a.callgrind)
         except Exception as e:  # report and go on with the next case
             r = {"case": c[0], "scenario": c[1], "error": f"{type(e).__name__}: {e}"}
         port += 12
