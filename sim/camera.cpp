@@ -133,6 +133,7 @@ void Camera::render_exposure(const Exposure& e, BlockStats* out, double* transmi
 void Camera::frame(uint64_t k, uint64_t stamp_us, uint8_t* out, FrameTruth* truth) {
     const double t_k = static_cast<double>(grid_time_us(k)) / 1e6;
     check_timeline_start(t_k);
+    mech_->advance_to(grid_time_us(k));
     if (scripted_)
         drive_lens(k, t_k);
     const LensTruth end = mech_->snapshot();

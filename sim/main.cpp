@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -56,7 +57,8 @@ void usage(FILE* f) {
 // are attached the lens stays where the scenario puts it, or follows the scenario's lens script.
 // With AFD_SIM_SOCKET set, the LC898201 and GPIO emulators serve the daemon's simulation backend
 // on that socket; VCAM_HW holds their settings and faults ("key=value,...", sim/hw/hw_server.h).
-void start_lens_hardware(vcam::LensMechanics& mech, const vcam::Scenario& scenario) {
+void start_lens_hardware(vcam::LensMechanics& mech, const vcam::Scenario& scenario,
+                         bool virtual_time) {
     const char* sock = std::getenv(hwwire::kSocketEnv);
     if (sock == nullptr || *sock == '\0')
         return;
@@ -69,6 +71,15 @@ void start_lens_hardware(vcam::LensMechanics& mech, const vcam::Scenario& scenar
     }
     static vcam::hw::HwServer server(mech, cfg);  // serves for the whole run
     server.power_on(scenario.lens.zoom, scenario.lens.focus);
+    // The chip runs on the daemon's clock: in virtual time the frame's capture time is on it; in
+    // real time both processes share the machine's monotonic clock, and the grid is not on it.
+    mech.set_driver([virtual_time](uint64_t t) {
+        if (!virtual_time)
+            t = static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(
+                                          std::chrono::steady_clock::now().time_since_epoch())
+                                          .count());
+        server.advance_to(t);
+    });
     if (server.start(sock) != 0)
         std::exit(2);
 }
@@ -267,7 +278,7 @@ int main(int argc, char** argv) {
     vcam::IspServer server(&camera, cfg, &telemetry);
     if (server.listen() != 0)
         return 1;
-    start_lens_hardware(mech, sc);
+    start_lens_hardware(mech, sc, cfg.mode == vcam::TimeMode::kVirtual);
     server.run(g_stop);
     const vcam::ServerStats& st = server.stats();
     std::fprintf(stderr, "vcam: served %llu frames, %llu protocol errors\n",

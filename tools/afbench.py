@@ -155,6 +155,10 @@ def sandbox_env(sb, port):
         "AFD_ISP_PORT": str(port), "AFD_CMD_PORT": str(port + 1),
         "AFD_REPLY_PORT": str(port + 2), "AFD_TUNING_PORT": str(port + 3),
         "AFD_CMD_BIND": "127.0.0.1",
+        # A unit whose gear play is what the daemon's lens parameters compensate on every
+        # reversal (focus 2 steps, zoom 1): without play the compensation itself would push the
+        # lens off by two steps at each turn of the search.
+        "VCAM_HW": os.environ.get("VCAM_HW", "focus_backlash=2,zoom_backlash=1"),
     })
     return env
 
@@ -231,6 +235,14 @@ def vcam_alone(build, text, extra, frames, port):
     finally:
         stop([p])
     return rows(tele)
+
+
+def infinity_focus(build, zoom, port):
+    """In-focus position of an object at infinity (1 km) at this zoom, from vcam's optics."""
+    text = ("subject: far\nlens: {zoom: %d, focus: 3000}\nscene:\n  objects:\n"
+            "    - {name: far, rect: [0, 0, 1, 1], distance: 1000000, texture: 1000}\n" % zoom)
+    r = vcam_alone(build, text, [], 1, port)
+    return r[0].get("subject_focus") if r else None
 
 
 def latency_of(text):
@@ -448,6 +460,18 @@ def wait_lens(tele, axis, target, tol, rest=10, timeout=30):
     raise RuntimeError("lens %s never reached %s" % (axis, target))
 
 
+def wait_focus_rest(tele, rest, timeout=30):
+    """Waits until the true focus has not moved for `rest` frames."""
+    end = time.time() + timeout
+    while time.time() < end:
+        data = rows_tail(tele, rest)
+        if len(data) == rest and all(r["lens"]["focus"] == data[-1]["lens"]["focus"]
+                                     for r in data):
+            return
+        time.sleep(0.05)
+    raise RuntimeError("the focus never came to rest")
+
+
 def rows_tail(path, n):
     try:
         with open(path, "rb") as f:
@@ -506,13 +530,17 @@ def run_daemon(build, base, ov, extra, seconds, port, outdir, name, mode, callgr
             if len(rows_tail(tele, 5)) == 5:
                 break
             time.sleep(0.05)
-        # the commanded start: autofocus off, zoom, focus, each to rest
-        afctl(build, env, "af", "--mode", "off")
+        # The commanded start, as a preset recall with the autofocus on (switching it off and on
+        # again would first drive the focus back to its last autofocus position): a tracked zoom,
+        # whose search ends focused, then a zoom-then-focus preset to the start at the same zoom.
+        # No zoom steps, no refocus request: the autofocus stays in its focused state there.
         afctl(build, env, "zoom", "--to", str(zoom), "--speed", "7")
         wait_lens(tele, "zoom", zoom, 60)  # the zoom stops within a few steps
-        afctl(build, env, "focus", "--to", str(start), "--speed", "7")
+        wait_focus_rest(tele, 20)
+        pos = json.loads(afctl(build, env, "--json", "positions"))
+        afctl(build, env, "zoom", "--to", str(pos["zoom"]), "--focus", str(start), "--speed", "7")
         try:
-            wait_lens(tele, "focus", start, 2, timeout=8)
+            wait_lens(tele, "focus", start, 4, timeout=8)
         except RuntimeError:  # the focus range may end before the commanded start
             wait_lens(tele, "focus", start, 400)
         # hold the clock, switch autofocus on, release: the next frame is the trigger
@@ -533,7 +561,9 @@ def run_daemon(build, base, ov, extra, seconds, port, outdir, name, mode, callgr
         if callgrind:
             subprocess.run(["callgrind_control", "--zero", str(daemon.pid)], check=True,
                            capture_output=True, timeout=60)
-        afctl(build, env, "af", "--mode", mode)
+        afctl(build, env, "af", "--mode", "once")  # raises the refocus request: a new search
+        if mode != "once":
+            afctl(build, env, "af", "--mode", mode)
         vcam.send_signal(signal.SIGUSR1)  # the scenario's timeline starts with the next frame
         fps = ov.get("fps") or fps_of(text)
         actions = sorted(ov.get("actions", []))
@@ -654,6 +684,16 @@ def run_case(build, case, seconds, port, outdir, mode, callgrind=None):
             res["error"] = "no subject"
             return res
         ov["start"] = int(round(max(0, min(FOCUS_MAX, sf0 + ov["offset"]))))
+    # The autofocus range ends some 50 steps beyond the in-focus position of infinity; a start
+    # beyond it would make the daemon pull the lens in and search before the trigger.
+    text = scenario_text(base, ov)
+    m = re.search(r"lens:\n(?:\s+.*\n)*?\s+zoom: (\d+)", text)
+    zoom = int(m.group(1)) if m else 0
+    m = re.search(r"lens:\n(?:\s+.*\n)*?\s+focus: (\d+)", text)
+    inf = infinity_focus(build, zoom, port + 8)
+    if m and inf is not None and int(m.group(1)) > inf + 40:
+        ov["start"] = int(inf + 40)
+        res["start_note"] = "start moved into the autofocus range"
     d, _ = run_daemon(build, base, ov, extra, seconds, port, outdir, name, mode,
                       os.path.join(callgrind, name + ".callgrind") if callgrind else None)
     res["daemon"] = d

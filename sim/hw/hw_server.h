@@ -82,6 +82,12 @@ class HwServer {
     int start(const std::string& socket_path);
     void stop();
 
+    // Runs the chip's motors and iris up to now_us (the camera calls it at each frame).
+    void advance_to(uint64_t now_us) {
+        std::lock_guard<std::mutex> lock(mu_);
+        advance_chip(now_us);
+    }
+
     // Handles one request (also used directly by tests without a socket).
     hwwire::HwReply handle(const hwwire::HwRequest& req);
 

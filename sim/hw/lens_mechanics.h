@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <mutex>
 
 namespace vcam {
@@ -27,9 +28,19 @@ class LensMechanics {
         truth_ = t;
     }
 
+    // The motors run on between the daemon's bus transfers: a move started just before the
+    // daemon falls quiet still finishes. The chip emulator installs its clock here (before frames
+    // are served) and the camera brings the mechanism up to each frame's capture time.
+    void set_driver(std::function<void(uint64_t)> advance) { advance_ = std::move(advance); }
+    void advance_to(uint64_t time_us) {
+        if (advance_)
+            advance_(time_us);
+    }
+
   private:
     mutable std::mutex mu_;
     LensTruth truth_;
+    std::function<void(uint64_t)> advance_;
 };
 
 }  // namespace vcam

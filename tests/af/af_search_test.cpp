@@ -175,10 +175,12 @@ struct Start {
 
 TEST_F(AfSearchTest, SearchFromEitherSideEndsFocusedWithinTheDepthOfFocus) {
     // Mid zoom (range about 3745..4502) and near the tele end; starts on both sides, with and
-    // without noise. The depth of focus here is the half width of the sharpness peak.
+    // without noise, and peaks right at either end of the range, where the search meets the bound
+    // before it sees the value fall. The depth of focus is the half width of the sharpness peak.
     const Start starts[] = {
-        {3200, 4300, 4480, 0.0},  {3200, 4300, 3800, 0.0}, {3200, 4000, 4450, 0.02},
-        {3200, 4420, 3760, 0.02}, {5000, 2000, 1700, 0.0}, {5000, 2000, 2300, 0.02},
+        {3200, 4300, 4480, 0.0},  {3200, 4300, 3800, 0.0},  {3200, 4000, 4450, 0.02},
+        {3200, 4420, 3760, 0.02}, {5000, 2000, 1700, 0.0},  {5000, 2000, 2300, 0.02},
+        {3200, 4498, 4000, 0.0},  {3200, 3750, 4300, 0.02},
     };
     for (const Start& s : starts) {
         SCOPED_TRACE(testing::Message() << "zoom " << s.zoom << " truth " << s.truth << " start "

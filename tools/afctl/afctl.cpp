@@ -39,6 +39,7 @@ int usage() {
                  "  status                      positions, modes, calibration, iris, error\n"
                  "  positions                   zoom/focus position record\n"
                  "  zoom --to N [--speed 0-8] [--blind]   zoom to a position (tracked)\n"
+                 "  zoom --to N --focus F [--speed 0-8]   zoom, then focus to F (a preset)\n"
                  "  zoom --in|--out [--speed 0-8] [--blind]\n"
                  "  zoom --stop                 stop any motion\n"
                  "  focus --to N [--speed 0-7]  focus to a position (autofocus off)\n"
@@ -292,6 +293,8 @@ int cmd_zoom(const Options& o) {
     opt_value(o, "--speed", 0, 8, &speed, &bad);
     long target = 0;
     const bool to = opt_value(o, "--to", 0, 65535, &target, &bad);
+    long focus = 0;
+    const bool then_focus = opt_value(o, "--focus", 0, 65535, &focus, &bad);
     if (bad)
         return 2;
     MotionCommand m{};
@@ -300,7 +303,12 @@ int cmd_zoom(const Options& o) {
     const bool blind = has(o, "--blind");
     if (has(o, "--stop"))
         return sub_command(9);
-    if (to) {
+    if (to && then_focus) {
+        // Zoom to the target with tracking, then drive the focus to F: allowed with autofocus on.
+        m.mode = 7;
+        m.zoom_target = static_cast<uint16_t>(target);
+        m.focus_target = static_cast<uint16_t>(focus);
+    } else if (to) {
         m.mode = blind ? 3 : 1;
         m.zoom_target = static_cast<uint16_t>(target);
     } else if (has(o, "--in") || has(o, "--out")) {
