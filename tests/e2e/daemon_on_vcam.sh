@@ -4,7 +4,9 @@
 #  2. autofocus on a daylight chart ends within a few steps of the true in-focus position;
 #  3. a commanded zoom reaches its target, the focus follows, and exactly one end-of-motion
 #     report arrives;
-#  4. the ISP service restarts: the daemon reconnects and the frames flow again.
+#  4. at that zoom, searches from a near and a far start (a zoom-then-focus preset with the
+#     autofocus on, then a refocus request) end within the depth of focus;
+#  5. the ISP service restarts: the daemon reconnects and the frames flow again.
 # Usage: daemon_on_vcam.sh AFD VCAM AFCTL SCENARIO
 set -uo pipefail
 afd="$1" vcam="$2" afctl="$3" scenario="$4"
@@ -96,7 +98,26 @@ err=$((focus - subject)); err=${err#-}
 ((err <= 40)) || fail "after the zoom the focus is $err steps from the subject's focus"
 echo "ok: zoom to $zoom, one end-of-motion report, focus error $err after the zoom"
 
-# 4. The ISP service goes away and comes back: the daemon reconnects.
+# 4. Searches from either side of focus. The preset leaves the autofocus in its focused state at
+# the start (no zoom steps, no refocus request); "once" then asks for a new search.
+dof=10  # half width of the sharpness peak at zoom 5000 in vcam's optics (9.6 steps)
+zoom_count=$("$afctl" --json positions | grep -o '"zoom":[0-9]*' | cut -d: -f2)
+for offset in -100 50; do
+    start=$((subject + offset))
+    "$afctl" zoom --to "$zoom_count" --focus "$start" --speed 7 || fail "afctl preset failed"
+    sleep 1
+    read -r zoom focus subject frame <<<"$(truth "$sb/run/telemetry1.jsonl")"
+    moved=$((focus - start)); moved=${moved#-}
+    ((moved <= 3)) || fail "the preset left the focus at $focus, not $start"
+    "$afctl" af --mode once && "$afctl" af --mode continuous || fail "afctl af failed"
+    sleep 3
+    read -r zoom focus subject frame <<<"$(truth "$sb/run/telemetry1.jsonl")"
+    err=$((focus - subject)); err=${err#-}
+    ((err <= dof)) || fail "search from $start ended $err steps from the subject's focus $subject"
+    echo "ok: search from $start (offset $offset) ended at $focus, error $err"
+done
+
+# 5. The ISP service goes away and comes back: the daemon reconnects.
 kill "$vcam_pid"; wait "$vcam_pid" 2>/dev/null
 rm -f "$AFD_SIM_SOCKET"
 sleep 1
