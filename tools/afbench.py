@@ -740,8 +740,11 @@ def print_row(r):
 def summary(results):
     ftf = [r["daemon"]["frames_to_focus"] for r in results
            if r.get("daemon", {}).get("focused")]
+    # final error over the static scenes; scenes that change are judged by their refocus
     err = [r["daemon"]["final_error_dof"] for r in results
-           if r.get("daemon", {}).get("final_error_dof") is not None]
+           if r.get("daemon", {}).get("final_error_dof") is not None and r["daemon"].get("static")]
+    refoc = [r["daemon"].get("refocus_frames") for r in results
+             if "refocus_frames" in r.get("daemon", {})]
     rev = [r["daemon"]["reversals"] for r in results if "reversals" in r.get("daemon", {})]
     fr = [r["daemon"]["false_refocus_per_min"] for r in results
           if r.get("daemon", {}).get("false_refocus_per_min") is not None]
@@ -760,6 +763,11 @@ def summary(results):
             statistics.median(fr), max(fr)
     if rat:
         s["ratio_oracle_median"], s["ratio_oracle_worst"] = statistics.median(rat), max(rat)
+    if refoc:
+        s["refocus_cases"] = len(refoc)
+        s["refocused"] = sum(1 for v in refoc if v is not None)
+        if s["refocused"]:
+            s["refocus_frames_worst"] = max(v for v in refoc if v is not None)
     return s
 
 
