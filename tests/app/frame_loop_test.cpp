@@ -4,11 +4,11 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
-#include <deque>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "af/af_state.h"
 #include "af/auto_focus.h"
 #include "app/frame_pacing.h"
 #include "command/command_process.h"
@@ -18,123 +18,76 @@
 
 namespace {
 
-struct Recorder {
-    platform::VirtualClock* clock = nullptr;
-    std::deque<uint32_t> intervals;  // next frame signals, microseconds after the previous one
-    // 25 ms matches no frame-rate range, so the divisors a test sets stay in force.
-    uint32_t default_interval = 25000;
-    int vd_result = 0;
-    int vd_calls = 0;
-    int exposure_reads = 0;
-    int publishes = 0;
-    int auto_iris = 0;
-    int motion_steps = 0;
-    int af_frames = 0;
-    int returns = 0;
-    int snapshots = 0;
-    int curve_steps = 0;
-    int iris_steps = 0;
-    int hall_calls = 0;
-    int hall_result = 0;
-    int arms = 0;
-    int clears = 0;
-    std::vector<uint8_t> fetch_modes;
-    std::vector<std::string> saved_keys;
-    std::vector<int32_t> saved_values;
-    std::vector<std::string> order;  // activities in call order
+// How often each operation was called.
+struct Counts {
+    int vd, exposure, clear, arm, curve, iris, hall, motion, af, ret, snapshot, publish, auto_iris;
+    bool operator==(const Counts&) const = default;
 };
 
-Recorder* g_rec = nullptr;
+struct Recorder {
+    platform::VirtualClock clock;
+    // Microseconds from one frame signal to the next. 25 ms matches no frame-rate range, so the
+    // divisors a test sets stay in force.
+    uint32_t interval = 25000;
+    int vd_result = 0;
+    int hall_result = 0;
+    uint32_t tracking = 0;  // tracker state polled on each processed frame
+    Counts n{};
+    unsigned fetch_modes = 0;  // bit m: statistics fetched in mode m
+    std::vector<std::pair<std::string, int32_t>> saved;
+};
 
-int fake_vd() {
-    ++g_rec->vd_calls;
-    uint32_t dt = g_rec->default_interval;
-    if (!g_rec->intervals.empty()) {
-        dt = g_rec->intervals.front();
-        g_rec->intervals.pop_front();
-    }
-    g_rec->clock->sleep_us(dt);
-    return g_rec->vd_result;
-}
-int fake_exposure() {
-    ++g_rec->exposure_reads;
+Recorder* g = nullptr;
+
+int tick(int& count) {
+    ++count;
     return 0;
-}
-uint32_t fake_track() {
-    return 0;
-}
-void fake_fetch(uint8_t mode) {
-    g_rec->fetch_modes.push_back(mode);
-}
-void fake_clear() {
-    ++g_rec->clears;
-}
-void fake_arm() {
-    ++g_rec->arms;
-}
-int fake_curve() {
-    ++g_rec->curve_steps;
-    g_rec->order.push_back("curve");
-    return 0;
-}
-int fake_iris_correct(uint8_t) {
-    ++g_rec->iris_steps;
-    g_rec->order.push_back("iris");
-    return 0;
-}
-int fake_hall() {
-    ++g_rec->hall_calls;
-    g_rec->order.push_back("hall");
-    return g_rec->hall_result;
-}
-int32_t fake_iris_offset() {
-    return 17;
-}
-int32_t fake_bias_offset() {
-    return 42;
-}
-void fake_offset_save(const char* key, int32_t v) {
-    g_rec->saved_keys.emplace_back(key);
-    g_rec->saved_values.push_back(v);
-}
-void fake_motion(const MotionCommand&) {
-    ++g_rec->motion_steps;
-    g_rec->order.push_back("motion");
-}
-void fake_af() {
-    ++g_rec->af_frames;
-    g_rec->order.push_back("af");
-}
-void fake_return() {
-    ++g_rec->returns;
-    g_rec->order.push_back("return");
-}
-void fake_snapshot() {
-    ++g_rec->snapshots;
-    g_rec->order.push_back("snapshot");
-}
-void fake_publish() {
-    ++g_rec->publishes;
-}
-void fake_auto_iris() {
-    ++g_rec->auto_iris;
 }
 
 const FrameLoopOps kFakeOps = {
-    fake_vd,          fake_exposure,    fake_track,        fake_fetch, fake_clear,
-    fake_arm,         fake_curve,       fake_iris_correct, fake_hall,  fake_iris_offset,
-    fake_bias_offset, fake_offset_save, fake_motion,       fake_af,    fake_return,
-    fake_snapshot,    fake_publish,     fake_auto_iris,
+    .get_isp_vd =
+        [] {
+            g->clock.sleep_us(g->interval);
+            return tick(g->n.vd) + g->vd_result;
+        },
+    .read_exposure = [] { return tick(g->n.exposure); },
+    .track_poll = [] { return g->tracking; },
+    .stat_fetch = [](uint8_t mode) { g->fetch_modes |= 1u << mode; },
+    .clear_latched_highlight = [] { tick(g->n.clear); },
+    .arm_highlight_update = [] { tick(g->n.arm); },
+    .curve_calibrate_step = [] { return tick(g->n.curve); },
+    .iris_correct_step = [](uint8_t) { return tick(g->n.iris); },
+    .hall_calibrate = [] { return tick(g->n.hall) + g->hall_result; },
+    .hall_iris_offset = [] { return int32_t{17}; },
+    .hall_bias_offset = [] { return int32_t{42}; },
+    .offset_save = [](const char* key, int32_t v) { g->saved.emplace_back(key, v); },
+    .motion_execute = [](const MotionCommand&) { tick(g->n.motion); },
+    .af_frame = [] { tick(g->n.af); },
+    .return_to_last = [] { tick(g->n.ret); },
+    .snapshot_reference = [] { tick(g->n.snapshot); },
+    .publish_positions = [] { tick(g->n.publish); },
+    .auto_iris_step = [] { tick(g->n.auto_iris); },
 };
 
 class FrameLoopTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        clock_.set_now_us(1000000);
-        platform::select_clock(&clock_);
-        rec_.clock = &clock_;
-        g_rec = &rec_;
-        frame_pacing_reset_for_testing();
+        rec_.clock.set_now_us(1000000);
+        platform::select_clock(&rec_.clock);
+        g = &rec_;
+        reset_state();
+    }
+    void TearDown() override {
+        platform::select_clock(nullptr);
+        g = nullptr;
+        reset_state();
+    }
+    void reset_state() {
+        rec_.n = {};
+        rec_.fetch_modes = 0;
+        rec_.tracking = 0;
+        af_set_slow_divider(false);
+        frame_pacing_reset_for_testing();  // also tracking off
         command_set_calibration_mode(0);
         command_set_zoom_motion_active(0);
         command_set_autofocus_mode(0);
@@ -144,383 +97,272 @@ class FrameLoopTest : public ::testing::Test {
         g_returnToLast = 0;
         g_oneShotStage = 0;
     }
-    void TearDown() override {
-        platform::select_clock(nullptr);
-        g_rec = nullptr;
-        frame_pacing_reset_for_testing();
-        command_set_calibration_mode(0);
-        command_set_zoom_motion_active(0);
-        command_set_autofocus_mode(0);
-    }
 
-    // A loop as start-up leaves it: start time taken, cadence computed for 60 fps, armed.
-    FrameLoop make_loop(uint8_t homing = 0) {
+    // A loop as start-up leaves it (start time taken, armed), with the given cadence divisors.
+    // Start-up assumes 60 fps until classified, which gives both divisors 2.
+    FrameLoop make_loop(uint8_t af_div = 2, uint8_t motion_div = 2, uint8_t homing = 0) {
         FrameLoop loop(kFakeOps, homing);
         loop.mark_start_time();
-        set_high_rate(0);
-        update_frame_cadence();
-        set_motion_divisor_from_high_rate();
         loop.arm();
+        set_af_divisor(af_div);
+        set_high_rate(motion_div == 2 ? 1 : 0);
+        set_motion_divisor_from_high_rate();
         return loop;
     }
-
-    // Start-up leaves both divisors at 2 (the rate is assumed to be 60 fps until classified).
-    static void set_divisors(uint8_t af, uint8_t motion) {
-        set_af_divisor(af);
-        set_high_rate(motion == 2 ? 1 : 0);
-        set_motion_divisor_from_high_rate();
-    }
-
-    void run(FrameLoop& loop, int n) {
+    static void run(FrameLoop& loop, int n) {
         for (int i = 0; i < n; ++i)
             loop.iteration();
     }
 
-    platform::VirtualClock clock_;
     Recorder rec_;
 };
 
-// ---- Frame-rate classification ----
+TEST(FrameRate, IntervalRangesAreExclusiveAtBothEnds) {
+    // {first, last} interval in microseconds of each rate: about 1 ms either side of the period.
+    const uint32_t ranges[][3] = {
+        {15601, 17599, 60}, {19001, 20999, 50}, {32001, 33999, 30}, {39001, 40999, 25}};
+    for (const auto& r : ranges) {
+        EXPECT_EQ(classify_frame_interval(r[0]), r[2]);
+        EXPECT_EQ(classify_frame_interval(r[1]), r[2]);
+        EXPECT_EQ(classify_frame_interval(r[0] - 1), 0u) << r[0] - 1;
+        EXPECT_EQ(classify_frame_interval(r[1] + 1), 0u) << r[1] + 1;
+    }
+    for (uint32_t us : {0u, 8333u, 25000u, 0xFFFFFFFFu})
+        EXPECT_EQ(classify_frame_interval(us), 0u) << us;
+}
 
-TEST(FrameRateTable, BoundsAreExclusiveAtBothEnds) {
+TEST_F(FrameLoopTest, ThirdAcceptedFrameSetsTheRateAndItsCadence) {
     struct Case {
-        uint32_t us;
-        uint32_t fps;
+        uint32_t us, fps;
+        bool slow;  // the autofocus side asks for a slower AF cadence
+        uint8_t high, af_div, motion_div;
     };
-    const Case cases[] = {
-        {15600, 0},  {15601, 60}, {16667, 60},      {17599, 60}, {17600, 0},  {19000, 0},
-        {19001, 50}, {20999, 50}, {21000, 0},       {32000, 0},  {32001, 30}, {33999, 30},
-        {34000, 0},  {39000, 0},  {39001, 25},      {40999, 25}, {41000, 0},  {25000, 0},
-        {8333, 0},   {0, 0},      {0xFFFFFFFFu, 0},
-    };
-    for (const Case& c : cases)
-        EXPECT_EQ(classify_frame_interval(c.us), c.fps) << c.us;
+    const Case cases[] = {{33333, 30, false, 0, 1, 1}, {40000, 25, false, 0, 1, 1},
+                          {16667, 60, false, 1, 2, 2}, {20000, 50, false, 1, 2, 2},
+                          {33333, 30, true, 0, 2, 1},  {16667, 60, true, 1, 3, 2}};
+    for (const Case& c : cases) {
+        // Start from another rate and the other divisors, so that every change shows.
+        af_set_slow_divider(c.slow);
+        FrameLoop loop = make_loop(3 - c.af_div, 3 - c.motion_div);
+        set_frame_rate(c.fps == 60 ? 25 : 60);
+        rec_.interval = c.us;
+        run(loop, 2);
+        EXPECT_NE(get_frame_rate(), c.fps) << "classified before the third frame";
+        run(loop, 1);
+        EXPECT_EQ(get_frame_rate(), c.fps);
+        EXPECT_EQ(get_high_rate(), c.high) << c.fps;
+        EXPECT_EQ(get_af_divisor(), c.af_div) << c.fps;
+        EXPECT_EQ(get_motion_divisor(), c.motion_div) << c.fps;
+    }
 }
 
-TEST_F(FrameLoopTest, ClassifiesOnTheThirdAcceptedFrame) {
+TEST_F(FrameLoopTest, PauseIdlesInMillisecondStepsAndResumeRelearnsTheRate) {
     FrameLoop loop = make_loop();
-    rec_.default_interval = 33333;
-    run(loop, 2);
-    EXPECT_EQ(get_frame_rate(), 60u) << "no classification before the third frame";
-    run(loop, 1);
-    EXPECT_EQ(get_frame_rate(), 30u);
-    EXPECT_EQ(get_high_rate(), 0);
-    EXPECT_EQ(get_af_divisor(), 1);
-    EXPECT_EQ(get_motion_divisor(), 1);
-    EXPECT_EQ(loop.state().rate_countdown, -1);
-}
-
-TEST_F(FrameLoopTest, SixtyFpsSetsBothDivisorsToTwo) {
-    FrameLoop loop = make_loop();
-    set_frame_rate(25);  // so that the change to 60 and its divisors is visible
-    set_divisors(1, 1);
-    rec_.default_interval = 16667;
-    run(loop, 3);
-    EXPECT_EQ(get_frame_rate(), 60u);
-    EXPECT_EQ(get_high_rate(), 1);
-    EXPECT_EQ(get_af_divisor(), 2);
-    EXPECT_EQ(get_motion_divisor(), 2);
-    EXPECT_EQ(get_half_rate(), 0);
-}
-
-TEST_F(FrameLoopTest, ExactBoundIsRetriedOnTheNextAcceptedFrame) {
-    FrameLoop loop = make_loop();
-    rec_.intervals = {33333, 33333, 17600, 15600, 40000};
-    run(loop, 3);
-    EXPECT_EQ(get_frame_rate(), 60u) << "17600 matches no range";
-    EXPECT_EQ(loop.state().rate_countdown, 0) << "a miss re-arms for the next frame";
-    run(loop, 1);
-    EXPECT_EQ(get_frame_rate(), 60u) << "15600 matches no range";
-    run(loop, 1);
-    EXPECT_EQ(get_frame_rate(), 25u);
-    EXPECT_EQ(loop.state().rate_countdown, -1);
-    // A match is final until the next resume.
-    rec_.default_interval = 20000;
-    run(loop, 5);
-    EXPECT_EQ(get_frame_rate(), 25u);
-}
-
-TEST_F(FrameLoopTest, PauseAndResumeRerunsClassification) {
-    FrameLoop loop = make_loop();
-    rec_.default_interval = 33333;
+    rec_.interval = 33333;
     run(loop, 3);
     ASSERT_EQ(get_frame_rate(), 30u);
 
     set_loop_paused(1);
-    const int calls = rec_.vd_calls;
-    const int pubs = rec_.publishes;
-    const uint64_t t0 = clock_.monotonic_us();
+    const auto n = rec_.n;
+    const uint64_t t0 = rec_.clock.monotonic_us();
     run(loop, 5);
-    EXPECT_EQ(rec_.vd_calls, calls) << "no ISP request while paused";
-    EXPECT_EQ(rec_.publishes, pubs) << "no publishing while paused";
-    EXPECT_EQ(clock_.monotonic_us() - t0, 5000u) << "idles in 1 ms steps";
+    EXPECT_EQ(rec_.n, n) << "no ISP request and no publishing while paused";
+    EXPECT_EQ(rec_.clock.monotonic_us() - t0, 5000u);
 
+    // Classified again from the third accepted frame on (the first interval after resume includes
+    // the pause); an interval of no rate is retried on the next frame, and a match is final.
     set_loop_paused(0);
-    rec_.default_interval = 40000;
-    run(loop, 1);  // the first interval after resume includes the pause
+    rec_.interval = 40000;
+    run(loop, 2);
+    rec_.interval = 25000;
     run(loop, 1);
     EXPECT_EQ(get_frame_rate(), 30u);
+    rec_.interval = 40000;
     run(loop, 1);
-    EXPECT_EQ(get_frame_rate(), 25u) << "classified again on the third accepted frame";
+    EXPECT_EQ(get_frame_rate(), 25u);
+    rec_.interval = 33333;
+    run(loop, 5);
+    EXPECT_EQ(get_frame_rate(), 25u);
 }
-
-// ---- Frame acceptance ----
 
 TEST_F(FrameLoopTest, SignalUnderTenMsIsDroppedWithoutFlippingTheToggle) {
     FrameLoop loop = make_loop();
-    rec_.intervals = {33333, 5000, 33333};
     run(loop, 1);
     const uint8_t toggle = loop.state().frame_toggle;
-    const int pubs = rec_.publishes;
+    rec_.interval = 5000;
     run(loop, 1);
     EXPECT_EQ(loop.state().frame_toggle, toggle);
-    EXPECT_EQ(rec_.publishes, pubs) << "a dropped signal does nothing";
-    EXPECT_EQ(loop.state().interval_us, 5000u);
+    EXPECT_EQ(rec_.n.publish, 1) << "a dropped signal does nothing";
+    rec_.interval = 33333;
     run(loop, 1);
     EXPECT_EQ(loop.state().interval_us, 33333u) << "the dropped signal became the previous time";
 }
 
-TEST_F(FrameLoopTest, HalfRateWorksOnEveryOtherSignal) {
+TEST_F(FrameLoopTest, HalfRateWorksOnEveryOtherSignalAndAFailedRequestOnlyFlipsTheToggle) {
     FrameLoop loop = make_loop();
     set_half_rate(1);
-    rec_.default_interval = 11111;
+    rec_.interval = 11111;
+    rec_.tracking = 1;
     run(loop, 6);
-    EXPECT_EQ(rec_.vd_calls, 6);
-    EXPECT_EQ(rec_.publishes, 3);
-    // The skipped signals still flip the toggle: after six signals it is back where it started.
+    EXPECT_EQ(rec_.n.vd, 6);
+    EXPECT_EQ(rec_.n.publish, 3);
     EXPECT_EQ(loop.state().frame_toggle, 0);
-}
+    EXPECT_EQ(get_tracking_on(), 1u) << "the tracker is polled on each processed frame";
 
-TEST_F(FrameLoopTest, FailedFrameRequestOnlyFlipsTheToggle) {
-    FrameLoop loop = make_loop();
+    set_half_rate(0);
     rec_.vd_result = 1;
+    auto n = rec_.n;
+    n.vd += 3;
     run(loop, 3);
-    EXPECT_EQ(rec_.publishes, 0);
-    EXPECT_EQ(rec_.auto_iris, 0);
+    EXPECT_EQ(rec_.n, n) << "a failed request does nothing else";
     EXPECT_EQ(loop.state().frame_toggle, 1);
-    EXPECT_EQ(loop.state().warmup_count, 0);
 }
 
-// ---- Warm-up, priming and dispatch ----
+TEST_F(FrameLoopTest, EachActivityRunsAtItsCadence) {
+    struct Case {
+        const char* what;
+        uint8_t af_div, motion_div, cal, motion, af_mode;
+        int Counts::*op;
+        int steps;
+        unsigned fetch_modes;
+    };
+    // Twelve frames after the warm-up: cadence phases 1..6 twice. Motion and autofocus spend their
+    // first eligible frame priming; the exposure is read at the AF cadence whatever runs. The
+    // statistics fetched show which activity ran: calibration outranks motion, which outranks
+    // autofocus.
+    const Case cases[] = {
+        {"autofocus every 2nd", 2, 1, 0, 0, 1, &Counts::af, 5, 1u << 1},
+        {"autofocus every 3rd", 3, 2, 0, 0, 1, &Counts::af, 3, 1u << 1},
+        {"motion every 2nd, before autofocus", 1, 2, 0, 1, 1, &Counts::motion, 5, 1u << 2},
+        {"motion every frame", 1, 1, 0, 1, 0, &Counts::motion, 11, 1u << 2},
+        {"curve calibration every 2nd, before all else", 1, 2, 1, 1, 1, &Counts::curve, 6, 1u << 0},
+        {"iris correction every 10th cycle", 2, 2, 4, 1, 1, &Counts::iris, 1, 0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        reset_state();
+        FrameLoop loop = make_loop(c.af_div, c.motion_div);
+        command_set_calibration_mode(c.cal);
+        command_set_zoom_motion_active(c.motion);
+        command_set_autofocus_mode(c.af_mode);
+        run(loop, 13);
+        EXPECT_EQ(rec_.n.*c.op, c.steps);
+        EXPECT_EQ(rec_.n.exposure, 12 / c.af_div);
+        EXPECT_EQ(rec_.fetch_modes, c.fetch_modes);
+        // Latched masks are cleared before each motion step.
+        EXPECT_EQ(rec_.n.clear, c.op == &Counts::motion ? c.steps : 0);
+    }
+}
 
-TEST_F(FrameLoopTest, FirstProcessedFrameOnlyPublishes) {
-    FrameLoop loop = make_loop();
+TEST_F(FrameLoopTest, MotionAndCurveCalibrationMakeTheNextAutofocusFramePrimeAgain) {
+    FrameLoop loop = make_loop(1, 1);
     command_set_autofocus_mode(1);
-    run(loop, 1);
-    EXPECT_EQ(rec_.publishes, 1);
-    EXPECT_EQ(rec_.exposure_reads, 0);
-    EXPECT_EQ(loop.state().cycle_count, 0u);
-    run(loop, 1);
-    EXPECT_EQ(loop.state().cycle_count, 1u) << "the second processed frame dispatches";
-}
-
-TEST_F(FrameLoopTest, FirstEligibleMotionFrameDoesNoWork) {
-    FrameLoop loop = make_loop();
-    set_divisors(1, 1);
+    run(loop, 3);  // warm-up, priming, one step
+    ASSERT_EQ(rec_.n.af, 1);
     command_set_zoom_motion_active(1);
-    run(loop, 1);  // warm-up
-    run(loop, 1);  // first eligible motion frame: primes only
-    EXPECT_EQ(rec_.motion_steps, 0);
-    EXPECT_EQ(loop.state().motion_primed, 1);
-    run(loop, 1);
-    EXPECT_EQ(rec_.motion_steps, 1);
-    ASSERT_FALSE(rec_.fetch_modes.empty());
-    EXPECT_EQ(rec_.fetch_modes.back(), 2) << "zoom motion fetches in mode 2";
-    EXPECT_EQ(rec_.clears, 1) << "latched highlight masks cleared before each motion step";
-
-    // When the motion ends the priming is lost, so the next motion skips a frame again.
+    run(loop, 3);  // priming, two steps
+    EXPECT_EQ(rec_.n.motion, 2);
     command_set_zoom_motion_active(0);
-    run(loop, 1);
-    EXPECT_EQ(loop.state().motion_primed, 0);
-    command_set_zoom_motion_active(1);
-    const int steps = rec_.motion_steps;
-    run(loop, 1);
-    EXPECT_EQ(rec_.motion_steps, steps);
-    run(loop, 1);
-    EXPECT_EQ(rec_.motion_steps, steps + 1);
-}
-
-TEST_F(FrameLoopTest, AutofocusRunsOnEligibleFramesAfterPriming) {
-    FrameLoop loop = make_loop();
-    set_divisors(2, 1);
-    command_set_autofocus_mode(1);
-    run(loop, 1);   // warm-up
-    run(loop, 12);  // cadence phases 1..6, 1..6: eligible on even phases
-    // Six eligible frames, the first of which only primes.
-    EXPECT_EQ(rec_.af_frames, 5);
-    EXPECT_EQ(rec_.exposure_reads, 6) << "exposure read at the AF cadence";
-    for (uint8_t m : rec_.fetch_modes)
-        EXPECT_EQ(m, 1);
-}
-
-TEST_F(FrameLoopTest, ZoomMotionMakesAutofocusPrimeAgain) {
-    FrameLoop loop = make_loop();
-    set_divisors(1, 1);
-    command_set_autofocus_mode(1);
-    run(loop, 3);
-    ASSERT_EQ(rec_.af_frames, 1);
+    run(loop, 2);
+    EXPECT_EQ(rec_.n.af, 2) << "the first AF frame after a motion only primes";
     command_set_zoom_motion_active(1);
     run(loop, 1);
-    EXPECT_EQ(loop.state().af_primed, 0);
+    EXPECT_EQ(rec_.n.motion, 2) << "the motion priming ended with the last motion";
     command_set_zoom_motion_active(0);
-    run(loop, 1);
-    EXPECT_EQ(rec_.af_frames, 1) << "first AF frame after a motion is skipped";
-    run(loop, 1);
-    EXPECT_EQ(rec_.af_frames, 2);
-}
-
-TEST_F(FrameLoopTest, DispatchPriorityCalibrationFirstThenMotionThenAutofocus) {
-    FrameLoop loop = make_loop();
-    set_divisors(1, 1);
-    command_set_autofocus_mode(1);
-    command_set_zoom_motion_active(1);
+    run(loop, 2);  // priming, one step
+    ASSERT_EQ(rec_.n.af, 3);
     command_set_calibration_mode(1);
-    run(loop, 4);
-    EXPECT_EQ(rec_.curve_steps, 3);
-    EXPECT_EQ(rec_.motion_steps, 0);
-    EXPECT_EQ(rec_.af_frames, 0);
-    EXPECT_EQ(rec_.fetch_modes, std::vector<uint8_t>({0, 0, 0}));
-
+    run(loop, 1);
     command_set_calibration_mode(0);
-    run(loop, 3);
-    EXPECT_GT(rec_.motion_steps, 0);
-    EXPECT_EQ(rec_.af_frames, 0) << "a zoom motion outranks autofocus";
-
-    command_set_zoom_motion_active(0);
-    run(loop, 3);
-    EXPECT_GT(rec_.af_frames, 0);
-}
-
-TEST_F(FrameLoopTest, IrisCorrectionRunsEveryTenthCycle) {
-    FrameLoop loop = make_loop();
-    set_divisors(1, 1);
-    command_set_calibration_mode(4);
-    command_set_zoom_motion_active(1);
-    run(loop, 1 + 30);
-    EXPECT_EQ(rec_.iris_steps, 3);
-    EXPECT_EQ(rec_.motion_steps, 0);
+    run(loop, 2);
+    EXPECT_EQ(rec_.n.af, 4) << "the first AF frame after a curve calibration only primes";
 }
 
 TEST_F(FrameLoopTest, HallCalibrationSavesOffsetsAndEndsTheMode) {
-    FrameLoop loop = make_loop();
-    set_divisors(1, 1);
+    FrameLoop loop = make_loop(1, 1);
     command_set_calibration_mode(5);
     run(loop, 2);
-    EXPECT_EQ(rec_.hall_calls, 1);
+    EXPECT_EQ(rec_.n.hall, 1);
     EXPECT_EQ(command_calibration_mode(), 0);
     EXPECT_STREQ(command_status_text(), "Hall init done!\n");
-    ASSERT_EQ(rec_.saved_keys.size(), 3u);
-    EXPECT_EQ(rec_.saved_keys[0], "IRIS_OFFSET =");
-    EXPECT_EQ(rec_.saved_values[0], 17);
-    EXPECT_EQ(rec_.saved_keys[1], "BIAS_OFFSET =");
-    EXPECT_EQ(rec_.saved_values[1], 42);
-    EXPECT_EQ(rec_.saved_keys[2], "HALL_VERSION =");
-    EXPECT_EQ(rec_.saved_values[2], 1);
+    const std::vector<std::pair<std::string, int32_t>> saved = {
+        {"IRIS_OFFSET =", 17}, {"BIAS_OFFSET =", 42}, {"HALL_VERSION =", 1}};
+    EXPECT_EQ(rec_.saved, saved);
 
     rec_.hall_result = 1;
     command_set_calibration_mode(5);
     run(loop, 1);
     EXPECT_STREQ(command_status_text(), "Hall init fail!\n");
     EXPECT_EQ(command_calibration_mode(), 0);
-    EXPECT_EQ(rec_.saved_keys.size(), 3u) << "nothing saved on failure";
+    EXPECT_EQ(rec_.saved, saved) << "nothing saved on failure";
 }
 
-TEST_F(FrameLoopTest, MotionWaitsForTheMotionDivisor) {
-    FrameLoop loop = make_loop();
-    set_divisors(1, 2);
-    ASSERT_EQ(get_motion_divisor(), 2);
-    command_set_zoom_motion_active(1);
-    run(loop, 1 + 12);
-    // Eligible on phases 2, 4, 6 of each round: six eligible frames, one spent priming.
-    EXPECT_EQ(rec_.motion_steps, 5);
-}
-
-TEST_F(FrameLoopTest, CycleCountRunsOneTo180AndIrisStepsEverySixth) {
+TEST_F(FrameLoopTest, CycleCountRunsOneTo180AndTheAutoIrisStepsEverySixth) {
     FrameLoop loop = make_loop();
     run(loop, 1);
-    EXPECT_EQ(rec_.auto_iris, 1) << "before the first dispatch the cycle count is 0";
+    EXPECT_EQ(rec_.n.auto_iris, 1) << "before the first dispatch the cycle count is 0";
     run(loop, 180);
     EXPECT_EQ(loop.state().cycle_count, 180u);
-    EXPECT_EQ(rec_.auto_iris, 1 + 30);
+    EXPECT_EQ(rec_.n.auto_iris, 1 + 30);
     run(loop, 1);
     EXPECT_EQ(loop.state().cycle_count, 1u);
 }
 
-TEST_F(FrameLoopTest, DegradedAfterHomingFailure) {
-    FrameLoop loop = make_loop(/*homing=*/2);
+TEST_F(FrameLoopTest, AfterAFailedHomingTheLoopOnlyPublishes) {
+    FrameLoop loop = make_loop(2, 2, /*homing=*/2);
     command_set_autofocus_mode(1);
     command_set_zoom_motion_active(1);
     run(loop, 10);
-    EXPECT_EQ(rec_.publishes, 10);
-    EXPECT_EQ(rec_.auto_iris, 10) << "cycle count stays 0, so the iris step runs every frame";
-    EXPECT_EQ(rec_.motion_steps, 0);
-    EXPECT_EQ(rec_.af_frames, 0);
-    EXPECT_EQ(rec_.exposure_reads, 0);
-    EXPECT_EQ(loop.state().cycle_count, 0u);
+    EXPECT_EQ(rec_.n.publish, 10);
+    EXPECT_EQ(rec_.n.auto_iris, 10) << "cycle count stays 0, so the iris step runs every frame";
+    EXPECT_EQ(rec_.n.motion + rec_.n.af + rec_.n.exposure, 0);
 }
 
-// ---- Autofocus step ----
-
-TEST_F(FrameLoopTest, ModeTwoHoldsWhenFocusedUntilRefocusRequested) {
-    FrameLoop loop = make_loop();
-    set_divisors(1, 1);
-    command_set_autofocus_mode(2);
-    g_afState = 2;
-    run(loop, 5);
-    EXPECT_EQ(rec_.af_frames, 0);
-    EXPECT_EQ(rec_.arms, 0) << "mask update armed only while the AF state is 0";
-    EXPECT_FALSE(rec_.fetch_modes.empty()) << "statistics are fetched even when no work is due";
-    g_refocusRequest = 1;
-    run(loop, 1);
-    EXPECT_EQ(rec_.af_frames, 1);
+TEST_F(FrameLoopTest, AutofocusStepFollowsModeStateAndRequests) {
+    struct Case {
+        const char* what;
+        uint8_t mode, state, refocus, ret, stage;
+        int af, returns, snapshots, arms;  // after three eligible frames
+        uint8_t mode_after, stage_after;
+    };
+    const Case cases[] = {
+        {"continuous", 1, 0, 0, 0, 0, 3, 0, 0, 3, 1, 0},
+        {"mode 2 searching", 2, 1, 0, 0, 0, 3, 0, 0, 0, 2, 0},
+        {"mode 2 focused holds", 2, 2, 0, 0, 0, 0, 0, 0, 0, 2, 0},
+        {"mode 2 focused, refocus asked", 2, 2, 1, 0, 0, 3, 0, 0, 0, 2, 0},
+        {"return to last outranks a search", 1, 0, 0, 1, 0, 0, 3, 0, 3, 1, 0},
+        {"one-shot: reference, then search", 3, 1, 0, 0, 0, 2, 0, 1, 0, 3, 1},
+        {"one-shot ended: autofocus off", 3, 1, 0, 0, 2, 0, 0, 0, 0, 0, 0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        reset_state();
+        FrameLoop loop = make_loop(1, 1);
+        command_set_autofocus_mode(c.mode);
+        g_afState = c.state;
+        g_refocusRequest = c.refocus;
+        g_returnToLast = c.ret;
+        g_oneShotStage = c.stage;
+        run(loop, 2 + 3);  // warm-up, priming
+        EXPECT_EQ(rec_.n.af, c.af);
+        EXPECT_EQ(rec_.n.ret, c.returns);
+        EXPECT_EQ(rec_.n.snapshot, c.snapshots);
+        EXPECT_EQ(rec_.n.arm, c.arms) << "the mask update is armed only in AF state 0";
+        EXPECT_EQ(rec_.fetch_modes, 1u << 1) << "statistics are fetched even when nothing is due";
+        EXPECT_EQ(command_autofocus_mode(), c.mode_after);
+        EXPECT_EQ(g_oneShotStage, c.stage_after);
+    }
 }
-
-TEST_F(FrameLoopTest, ReturnToLastTakesPrecedenceOverASearch) {
-    FrameLoop loop = make_loop();
-    set_divisors(1, 1);
-    command_set_autofocus_mode(1);
-    g_returnToLast = 1;
-    run(loop, 4);  // warm-up, priming, two steps
-    EXPECT_EQ(rec_.returns, 2);
-    EXPECT_EQ(rec_.af_frames, 0);
-    EXPECT_GE(rec_.arms, 2) << "AF state 0 arms the mask update";
-}
-
-TEST_F(FrameLoopTest, OneShotRunsReferenceSearchThenSwitchesOff) {
-    FrameLoop loop = make_loop();
-    set_divisors(1, 1);
-    command_set_autofocus_mode(3);
-    run(loop, 2);  // warm-up, priming
-    run(loop, 1);
-    EXPECT_EQ(rec_.snapshots, 1);
-    EXPECT_EQ(g_oneShotStage, 1);
-    run(loop, 2);
-    EXPECT_EQ(rec_.af_frames, 2);
-    g_oneShotStage = 2;  // the search has ended
-    run(loop, 1);
-    EXPECT_EQ(g_oneShotStage, 0);
-    EXPECT_EQ(command_autofocus_mode(), 0);
-    run(loop, 3);
-    EXPECT_EQ(rec_.af_frames, 2) << "autofocus is off after the single search";
-    EXPECT_EQ(rec_.order, std::vector<std::string>({"snapshot", "af", "af"}));
-}
-
-}  // namespace
-
-namespace {
 
 TEST_F(FrameLoopTest, NoHeapAllocationPerFrame) {
     FrameLoop loop = make_loop();
-    set_divisors(2, 2);
     command_set_autofocus_mode(1);
-    rec_.default_interval = 16667;
+    rec_.interval = 16667;
     run(loop, 10);  // warm-up and classification
-    rec_.order.reserve(10000);
-    rec_.fetch_modes.reserve(10000);
     const uint64_t before = testsupport::allocation_count();
     run(loop, 3000);
     EXPECT_EQ(testsupport::allocation_count() - before, 0u);
-    EXPECT_GT(rec_.af_frames, 1000);
+    EXPECT_GT(rec_.n.af, 1000);
 }
 
 }  // namespace

@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <string>
 #include <vector>
 
 #include "lens_api/lens_position.h"
@@ -11,26 +13,25 @@
 
 namespace {
 
-std::vector<uint32_t> grid_of(uint32_t v) {
-    return std::vector<uint32_t>(kGridBlocks, v);
+void record(uint32_t a, uint32_t b, uint16_t position) {
+    const std::vector<uint32_t> ga(kGridBlocks, a), gb(kGridBlocks, b);
+    fh_record_sample(ga.data(), gb.data(), position);
 }
 
-FhCellList centre_cells() {
+// Mean of kind 4 (grid A) at the position alone; 0 when no sample is kept there.
+uint32_t sample_at(uint16_t position) {
     FhCellList cells;
     cells.add(7, 7);
-    cells.add(7, 8);
-    return cells;
+    FhSeries s;
+    fh_neighbour_series(cells, position, 0, 1, 4, &s);
+    return s.n == 1 ? s.v[0] : 0;
 }
 
 FhFrame frame_of(uint32_t base) {
     FhFrame f;
     for (int b = 0; b < kGridBlocks; ++b) {
-        uint32_t* w = &f.w[b * 5];
-        w[0] = base;
-        w[1] = base + 2;
-        w[2] = base + 10;
-        w[3] = base + 20;
-        w[4] = 1000 + base;
+        const uint32_t w[5] = {base, base + 2, base + 10, base + 20, 1000 + base};
+        std::copy(w, w + 5, &f.w[b * 5]);
     }
     return f;
 }
@@ -44,70 +45,52 @@ class FrameHistoryTest : public ::testing::Test {
     }
 };
 
-TEST_F(FrameHistoryTest, SampleTableStaysBoundedAndKeepsTheStartSample) {
+TEST_F(FrameHistoryTest, SampleTableStaysBoundedKeepsTheStartAndReplacesARevisit) {
     fh_set_position(100, 1);
     for (uint16_t p = 100; p <= 690; p = static_cast<uint16_t>(p + 10)) {
-        const auto a = grid_of(p);
-        fh_record_sample(a.data(), a.data(), p);
+        record(p, p, p);
         EXPECT_LE(fh_sample_count(), 51);
     }
     EXPECT_EQ(fh_sample_count(), 51);
     // The start sample survived; the lowest others were dropped (110..190 went first).
-    const FhCellList cells = centre_cells();
-    FhSeries s;
-    fh_neighbour_series(cells, 100, 0, 1, 4, &s);
-    ASSERT_EQ(s.n, 1);
-    EXPECT_EQ(s.v[0], 100u);
-    fh_neighbour_series(cells, 190, 0, 1, 4, &s);
-    EXPECT_EQ(s.n, 0) << "190 was dropped";
-    fh_neighbour_series(cells, 200, 0, 1, 4, &s);
-    EXPECT_EQ(s.n, 1) << "200 is the lowest kept after the start";
+    EXPECT_EQ(sample_at(100), 100u);
+    EXPECT_EQ(sample_at(190), 0u);
+    EXPECT_EQ(sample_at(200), 200u);
+    record(777, 777, 300);
+    EXPECT_EQ(fh_sample_count(), 51);
+    EXPECT_EQ(sample_at(300), 777u);
+    EXPECT_EQ(sample_at(200), 200u) << "a revisit drops nothing else";
 }
 
 TEST_F(FrameHistoryTest, NeighbourSeriesRunsInRisingPositionOrder) {
-    for (uint16_t p = 200; p <= 400; p = static_cast<uint16_t>(p + 10)) {
-        const auto a = grid_of(p);
-        const auto b = grid_of(p + 1);
-        fh_record_sample(a.data(), b.data(), p);
-    }
+    for (uint16_t p = 200; p <= 400; p = static_cast<uint16_t>(p + 10))
+        record(p, p + 1, p);
+    FhCellList cells;
+    cells.add(7, 7);
+    cells.add(7, 8);
     FhSeries s;
     FhPositions pos;
-    fh_neighbour_series(centre_cells(), 300, 2, 3, 4, &s, &pos);
+    fh_neighbour_series(cells, 300, 2, 3, 4, &s, &pos);
     ASSERT_EQ(s.n, 5);
-    const uint32_t want[5] = {280, 290, 300, 310, 320};
     for (int i = 0; i < 5; ++i) {
-        EXPECT_EQ(s.v[i], want[i]);
-        EXPECT_EQ(pos.p[i], want[i]);
+        EXPECT_EQ(s.v[i], 280u + 10 * i);
+        EXPECT_EQ(pos.p[i], 280 + 10 * i);
     }
-    fh_neighbour_series(centre_cells(), 300, 1, 1, 5, &s);
+    fh_neighbour_series(cells, 300, 1, 1, 5, &s);
     ASSERT_EQ(s.n, 2);
     EXPECT_EQ(s.v[0], 291u) << "kind 5 reads grid B";
-    fh_neighbour_series(centre_cells(), 305, 2, 3, 4, &s);
+    fh_neighbour_series(cells, 305, 2, 3, 4, &s);
     EXPECT_EQ(s.n, 0) << "no sample at the position";
-    fh_neighbour_series(centre_cells(), 300, 2, 3, 3, &s);
+    fh_neighbour_series(cells, 300, 2, 3, 3, &s);
     EXPECT_EQ(s.n, 0) << "only kinds 4 and 5 are kept";
 }
 
-TEST_F(FrameHistoryTest, RecordingTwiceAtOnePositionReplacesTheSample) {
-    auto a = grid_of(500);
-    fh_record_sample(a.data(), a.data(), 300);
-    a = grid_of(700);
-    fh_record_sample(a.data(), a.data(), 300);
-    EXPECT_EQ(fh_sample_count(), 1);
-    FhSeries s;
-    fh_neighbour_series(centre_cells(), 300, 0, 1, 4, &s);
-    ASSERT_EQ(s.n, 1);
-    EXPECT_EQ(s.v[0], 700u);
-}
-
 TEST_F(FrameHistoryTest, BestSampleAndBlockExtremesFollowTheSharpestFrames) {
-    auto a = grid_of(100);
-    fh_record_sample(a.data(), a.data(), 10);
-    a = grid_of(900);
+    record(100, 0, 10);
+    std::vector<uint32_t> a(kGridBlocks, 900);
     a[0] = 5;  // an outer block does not count towards the best mean
     fh_record_sample(a.data(), a.data(), 20);
-    a = grid_of(400);
-    fh_record_sample(a.data(), a.data(), 30);
+    record(400, 0, 30);
     EXPECT_EQ(fh_best_position(), 20);
     EXPECT_EQ(fh_best_mean(), 900u);
     uint32_t peaks[25];
@@ -131,21 +114,22 @@ TEST_F(FrameHistoryTest, RingKeepsFiveFramesAndReadsThePastByKind) {
         fh_ring_push(frame_of(100 * i));
     EXPECT_EQ(fh_ring_size(), 5);
     uint32_t g[kGridBlocks];
-    get_sm_his_frame(g, 0, 0);
-    EXPECT_EQ(g[0], 700u) << "frames back 0 is the newest";
-    get_sm_his_frame(g, 4, 1);
-    EXPECT_EQ(g[0], (600u + 602) / 2);
-    get_sm_his_frame(g, 5, 4);
-    EXPECT_EQ(g[0], (310u + 320) / 2);
-    get_sm_his_frame(g, 6, 2);
-    EXPECT_EQ(g[0], 1500u);
+    // {kind, frames back, value}: the newest frame is 0 back.
+    const uint32_t reads[][3] = {
+        {0, 0, 700}, {4, 1, (600 + 602) / 2}, {5, 4, (310 + 320) / 2}, {6, 2, 1500}};
+    for (const auto& r : reads) {
+        get_sm_his_frame(g, static_cast<uint8_t>(r[0]), static_cast<uint8_t>(r[1]));
+        EXPECT_EQ(g[0], r[2]) << "kind " << r[0] << " back " << r[1];
+    }
     const std::string out = testsupport::capture_stdout([&] { get_sm_his_frame(g, 0, 5); });
     EXPECT_EQ(out, "get_sm_his_frame 596 error\n");
     EXPECT_EQ(g[0], 0x32323232u);
     EXPECT_EQ(g[224], 0x32323232u);
 
+    FhCellList cells;
+    cells.add(7, 7);
     FhSeries s;
-    fh_ring_series(&s, centre_cells(), 0, 3);
+    fh_ring_series(&s, cells, 0, 3);
     ASSERT_EQ(s.n, 3);
     EXPECT_EQ(s.v[0], 500u);
     EXPECT_EQ(s.v[2], 700u);

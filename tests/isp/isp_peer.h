@@ -1,15 +1,25 @@
-// A scripted ISP service for the link tests: listens on a loopback port, answers the four request
-// codes from its records, records what the daemon sent, and misbehaves on request (split replies,
-// a dropped connection, a short reply, a stall, a restart).
+// A scripted ISP service for the link tests: listens on a loopback port, answers the request codes
+// from its records, records what the daemon sent, and misbehaves on request (split replies, a
+// reply cut short by a closed connection, a stall, a restart on the same port).
 #pragma once
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <array>
 #include <atomic>
-#include <cstddef>
-#include <cstdint>
+#include <chrono>
+#include <cstring>
 #include <mutex>
 #include <thread>
 #include <vector>
+
+#include "data/frame_stamp.h"
+#include "isp/af_stat.h"
 
 namespace isptest {
 
@@ -17,57 +27,223 @@ class IspPeer {
   public:
     enum class Fault {
         kNone,
-        kCloseOnRequest,  // close the connection instead of answering
-        kShortReply,      // send half the reply, then close
-        kStall,           // never answer; keep the connection open
+        kShortReply,  // send half the reply (none for a SET), then close the connection
+        kStall,       // never answer; keep the connection until the daemon drops it
     };
 
-    IspPeer();
-    ~IspPeer();
-    IspPeer(const IspPeer&) = delete;
-    IspPeer& operator=(const IspPeer&) = delete;
+    IspPeer() : frame_(kAfStatFrameSize, 0) {
+        codes_.reserve(1 << 16);  // no allocation while serving (the heap tests share the process)
+        listen_on();
+        thread_ = std::thread([this] { run(); });
+    }
+    ~IspPeer() {
+        quit_ = true;
+        thread_.join();
+    }
 
     uint16_t port() const { return port_; }
 
-    // Records served.
-    void set_attr_record(const std::array<uint8_t, 264>& rec);
-    std::array<uint8_t, 264> attr_record();
-    void set_exposure(float luma, float time_s, float gain);
-    void set_frame(const std::vector<uint8_t>& frame);
-    // When period_us is non-zero every frame served gets the stamp (n, start_us + n x period_us),
-    // n counting from 1.
-    void set_frame_stamps(uint64_t start_us, uint64_t period_us);
-
+    void set_attr_record(const std::array<uint8_t, 264>& rec) {
+        std::lock_guard lk(mu_);
+        attr_ = rec;
+    }
+    // The exposure record: brightness, exposure time and gain as little-endian floats.
+    void set_exposure(float luma, float time_s, float gain) {
+        std::lock_guard lk(mu_);
+        std::memcpy(exposure_.data() + 8, &luma, 4);
+        std::memcpy(exposure_.data() + 44, &time_s, 4);
+        std::memcpy(exposure_.data() + 48, &gain, 4);
+    }
+    void set_frame(const std::vector<uint8_t>& frame) {
+        std::lock_guard lk(mu_);
+        frame_ = frame;
+    }
+    // When period_us is non-zero frame n served (from 1) carries the stamp (n, start + n x period).
+    void set_frame_stamps(uint64_t start_us, uint64_t period_us) {
+        std::lock_guard lk(mu_);
+        stamp_start_ = start_us;
+        stamp_period_ = period_us;
+        served_ = 0;
+    }
     // Replies go out in chunks of this size with a pause between them (0: in one piece).
-    void set_split(std::size_t chunk, uint32_t pause_us);
-    // The next request with this code gets the fault (one-shot).
-    void fail_next(uint8_t code, Fault fault);
+    void set_split(std::size_t chunk, uint32_t pause_us) {
+        std::lock_guard lk(mu_);
+        chunk_ = chunk;
+        pause_us_ = pause_us;
+    }
+    // The next request with this code gets the fault.
+    void fail_next(uint8_t code, Fault fault) {
+        std::lock_guard lk(mu_);
+        fault_code_ = code;
+        fault_ = fault;
+    }
 
-    // Service restart: drops the connection and stops listening; start() listens again on the
-    // same port.
-    void stop();
-    void start();
+    // Service restart: stop() drops the connection and closes the port; start() listens on the
+    // same port again.
+    void stop() { switch_listening(false); }
+    void start() { switch_listening(true); }
 
-    // Observations.
-    std::vector<uint8_t> codes();
-    std::vector<std::vector<uint8_t>> set_payloads();
-    int connections() const { return connections_.load(); }
-    // Waits until n requests have been seen (max 2 s). Returns true when they have.
-    bool wait_codes(std::size_t n);
-    void clear_log();
+    std::vector<uint8_t> codes() {
+        std::lock_guard lk(mu_);
+        return codes_;
+    }
+    std::vector<std::vector<uint8_t>> set_payloads() {
+        std::lock_guard lk(mu_);
+        return sets_;
+    }
+    int connections() const { return connections_; }
+    // Waits until n requests (and the payload of every SET among them) have arrived, at most 2 s.
+    bool wait_codes(std::size_t n) {
+        for (int i = 0; i < 400; ++i) {
+            {
+                std::lock_guard lk(mu_);
+                if (codes_.size() >= n && !set_pending_)
+                    return true;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        return false;
+    }
+    void clear_log() {
+        std::lock_guard lk(mu_);
+        codes_.clear();
+        sets_.clear();
+    }
 
   private:
-    void listen_on(uint16_t port);
-    void run();
-    void serve(int fd);
-    bool reply(int fd, const uint8_t* data, std::size_t n, Fault fault);
+    void listen_on() {
+        listen_fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        const int one = 1;
+        setsockopt(listen_fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_port = htons(port_);
+        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t len = sizeof a;
+        bind(listen_fd_, reinterpret_cast<sockaddr*>(&a), len);
+        listen(listen_fd_, 4);
+        getsockname(listen_fd_, reinterpret_cast<sockaddr*>(&a), &len);
+        port_ = ntohs(a.sin_port);
+    }
+    void switch_listening(bool on) {
+        want_listen_ = on;
+        while (listening_ != on)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    // Waits for fd to become readable while the service is up.
+    bool readable(int fd) {
+        while (!quit_ && want_listen_) {
+            pollfd p{fd, POLLIN, 0};
+            const int r = poll(&p, 1, 10);
+            if (r != 0)
+                return r > 0;
+        }
+        return false;
+    }
+    bool read_exact(int fd, uint8_t* buf, std::size_t n) {
+        for (std::size_t done = 0; done < n;) {
+            const ssize_t r = readable(fd) ? recv(fd, buf + done, n - done, 0) : -1;
+            if (r <= 0)
+                return false;
+            done += static_cast<std::size_t>(r);
+        }
+        return true;
+    }
+
+    // The service thread owns both sockets.
+    void run() {
+        while (!quit_) {
+            if (want_listen_ != (listen_fd_ >= 0)) {
+                if (listen_fd_ >= 0)
+                    close(listen_fd_);
+                listen_fd_ = -1;
+                if (want_listen_)
+                    listen_on();
+            }
+            listening_ = listen_fd_ >= 0;
+            const int fd =
+                listening_ && readable(listen_fd_) ? accept(listen_fd_, nullptr, nullptr) : -1;
+            if (fd < 0) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+                continue;
+            }
+            const int one = 1;
+            setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+            ++connections_;
+            serve(fd);
+            close(fd);
+        }
+        close(listen_fd_);
+    }
+
+    void serve(int fd) {
+        std::vector<uint8_t> out;
+        uint8_t code = 0;
+        while (read_exact(fd, &code, 1)) {
+            Fault fault = Fault::kNone;
+            {
+                std::lock_guard lk(mu_);
+                codes_.push_back(code);
+                set_pending_ = code == 3;
+                if (fault_code_ == code) {
+                    fault = fault_;
+                    fault_code_ = 0;
+                }
+                if (code == 1) {
+                    out = frame_;
+                    if (stamp_period_ != 0) {
+                        ++served_;
+                        afdata::frame_stamp_encode(
+                            {served_, stamp_start_ + served_ * stamp_period_}, out.data());
+                    }
+                } else if (code == 2) {
+                    out.assign(attr_.begin(), attr_.end());
+                } else if (code == 4) {
+                    out.assign(exposure_.begin(), exposure_.end());
+                }
+            }
+            if (code == 3) {
+                std::array<uint8_t, 264> rec;
+                if (fault != Fault::kNone || !read_exact(fd, rec.data(), rec.size()))
+                    return;
+                std::lock_guard lk(mu_);
+                attr_ = rec;
+                sets_.emplace_back(rec.begin(), rec.end());
+                set_pending_ = false;
+            } else if (code < 1 || code > 4 || !reply(fd, out, fault)) {
+                return;  // an unknown code is a protocol error: drop the client
+            }
+        }
+    }
+
+    bool reply(int fd, const std::vector<uint8_t>& data, Fault fault) {
+        if (fault == Fault::kStall) {
+            uint8_t b;
+            while (readable(fd) && recv(fd, &b, 1, 0) > 0) {
+            }
+            return false;
+        }
+        std::size_t chunk;
+        uint32_t pause;
+        {
+            std::lock_guard lk(mu_);
+            chunk = fault == Fault::kShortReply ? data.size() / 2 : chunk_ ? chunk_ : data.size();
+            pause = pause_us_;
+        }
+        const std::size_t end = fault == Fault::kShortReply ? chunk : data.size();
+        for (std::size_t off = 0; off < end; off += chunk) {
+            if (off != 0)
+                std::this_thread::sleep_for(std::chrono::microseconds(pause));
+            const std::size_t len = std::min(chunk, end - off);
+            if (send(fd, data.data() + off, len, MSG_NOSIGNAL) != static_cast<ssize_t>(len))
+                return false;
+        }
+        return fault == Fault::kNone;
+    }
 
     uint16_t port_ = 0;
     int listen_fd_ = -1;
-    std::atomic<int> conn_fd_{-1};
-    std::atomic<bool> quit_{false};
-    std::atomic<bool> listening_{false};
-    std::atomic<bool> want_listen_{true};
+    std::atomic<bool> quit_{false}, listening_{true}, want_listen_{true};
     std::atomic<int> connections_{0};
     std::thread thread_;
 
@@ -75,13 +251,13 @@ class IspPeer {
     std::array<uint8_t, 264> attr_{};
     std::array<uint8_t, 292> exposure_{};
     std::vector<uint8_t> frame_;
-    uint64_t stamp_start_ = 0;
-    uint64_t stamp_period_ = 0;
-    uint32_t frames_served_ = 0;
-    std::size_t split_chunk_ = 0;
-    uint32_t split_pause_us_ = 0;
+    uint64_t stamp_start_ = 0, stamp_period_ = 0;
+    uint32_t served_ = 0;
+    std::size_t chunk_ = 0;
+    uint32_t pause_us_ = 0;
     uint8_t fault_code_ = 0;
     Fault fault_ = Fault::kNone;
+    bool set_pending_ = false;
     std::vector<uint8_t> codes_;
     std::vector<std::vector<uint8_t>> sets_;
 };

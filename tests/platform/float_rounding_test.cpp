@@ -8,26 +8,21 @@
 
 namespace {
 
-// Inputs through volatile so that the compiler cannot fold the expressions at build time.
-float mul_add(float a, float b, float c) {
-    return a * b + c;
-}
-double mul_add(double a, double b, double c) {
+template <typename T>
+T mul_add(T a, T b, T c) {
     return a * b + c;
 }
 
 TEST(FloatRounding, ProductIsRoundedBeforeTheAdd) {
-    // (1 + 2^-13)^2 = 1 + 2^-12 + 2^-26; the 2^-26 is lost when the product is rounded to float.
+    // (1 + 2^-13)^2 = 1 + 2^-12 + 2^-26: the 2^-26 is lost when the product is rounded to float.
+    // Inputs through volatile so that the compiler cannot fold the expressions at build time.
     volatile float a = 1.0f + std::ldexp(1.0f, -13);
     volatile float c = -(1.0f + std::ldexp(1.0f, -12));
-    EXPECT_EQ(mul_add(a, a, c), 0.0f) << "a fused multiply-add kept the product's low bits";
-}
-
-TEST(FloatRounding, DoubleProductIsRoundedBeforeTheAdd) {
-    // (1 + 2^-27)^2 = 1 + 2^-26 + 2^-54; the 2^-54 is lost when the product is rounded to double.
-    volatile double a = 1.0 + std::ldexp(1.0, -27);
-    volatile double c = -(1.0 + std::ldexp(1.0, -26));
-    EXPECT_EQ(mul_add(a, a, c), 0.0) << "a fused multiply-add kept the product's low bits";
+    EXPECT_EQ(mul_add<float>(a, a, c), 0.0f) << "a fused multiply-add kept the product's low bits";
+    // (1 + 2^-27)^2 = 1 + 2^-26 + 2^-54: the same for double.
+    volatile double ad = 1.0 + std::ldexp(1.0, -27);
+    volatile double cd = -(1.0 + std::ldexp(1.0, -26));
+    EXPECT_EQ(mul_add<double>(ad, ad, cd), 0.0) << "a fused multiply-add in double";
 }
 
 }  // namespace

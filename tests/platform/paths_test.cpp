@@ -1,20 +1,17 @@
+// File root resolution and the network endpoints taken from the environment.
 #include "platform/paths.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 
 #include "platform/ports.h"
 #include "tests/support/test_env.h"
 
 namespace {
-
-bool is_dir(const std::string& p) {
-    struct stat st {};
-    return stat(p.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
 
 TEST(FileRoot, BoardRootLeavesPathsAsTheyAre) {
     platform::set_file_root("/");
@@ -25,22 +22,14 @@ TEST(FileRoot, BoardRootLeavesPathsAsTheyAre) {
     EXPECT_STREQ(platform::file_root(), "/");
 }
 
-TEST(FileRoot, SandboxRootPrefixesAndCreatesParents) {
+TEST(FileRoot, SandboxRootPrefixesCreatesParentsAndIgnoresTrailingSlashes) {
     testsupport::SandboxRoot root;
-    char out[platform::kPathMax];
-    ASSERT_EQ(platform::resolve_path("/data/sub/curve.dat", out, sizeof out), 0);
-    EXPECT_EQ(std::string(out), root.path() + "/data/sub/curve.dat");
-    EXPECT_TRUE(is_dir(root.path() + "/data/sub"));
-    struct stat st {};
-    EXPECT_NE(stat(out, &st), 0) << "only parents are created, never the file";
-}
-
-TEST(FileRoot, TrailingSlashesOfTheRootAreIgnored) {
-    testsupport::SandboxRoot root;
-    std::string with_slash = root.path() + "//";
-    platform::set_file_root(with_slash.c_str());
-    platform::Path p("/dev/x");
-    EXPECT_EQ(std::string(p.c_str()), root.path() + "/dev/x");
+    const std::string with_slashes = root.path() + "//";
+    platform::set_file_root(with_slashes.c_str());
+    platform::Path p("/data/sub/curve.dat");
+    EXPECT_EQ(std::string(p.c_str()), root.path() + "/data/sub/curve.dat");
+    EXPECT_TRUE(std::filesystem::is_directory(root.path() + "/data/sub"));
+    EXPECT_FALSE(std::filesystem::exists(p.c_str())) << "only parents are created, never the file";
 }
 
 TEST(FileRoot, RejectsRelativeAndOversizedPaths) {
@@ -50,18 +39,14 @@ TEST(FileRoot, RejectsRelativeAndOversizedPaths) {
     EXPECT_STREQ(out, "");
     EXPECT_EQ(platform::resolve_path("/data/a-name-that-cannot-fit-in-32-bytes", out, sizeof out),
               -1);
-    platform::Path bad("relative");
-    EXPECT_FALSE(bad.ok());
+    EXPECT_FALSE(platform::Path("relative").ok());
 }
 
-TEST(Ports, DefaultsAndEnvironmentOverrides) {
-    unsetenv("AFD_ISP_PORT");
-    unsetenv("AFD_CMD_PORT");
-    unsetenv("AFD_CMD_BIND");
-    unsetenv("AFD_REPLY_PORT");
-    unsetenv("AFD_TUNING_PORT");
-    unsetenv("AFD_ISP_ADDR");
-    unsetenv("AFD_REPLY_ADDR");
+TEST(Ports, CameraDefaultsUnlessTheEnvironmentGivesAValidPort) {
+    const char* vars[] = {"AFD_ISP_ADDR",   "AFD_ISP_PORT",   "AFD_CMD_BIND",   "AFD_CMD_PORT",
+                          "AFD_REPLY_ADDR", "AFD_REPLY_PORT", "AFD_TUNING_PORT"};
+    for (const char* v : vars)
+        unsetenv(v);
     platform::reload_ports();
     const platform::PortConfig& p = platform::ports();
     EXPECT_STREQ(p.isp_addr, "127.0.0.1");
@@ -81,11 +66,8 @@ TEST(Ports, DefaultsAndEnvironmentOverrides) {
     EXPECT_STREQ(p.cmd_bind, "127.0.0.1");
     EXPECT_EQ(p.tuning_port, 1207);
     EXPECT_EQ(p.reply_port, 7000);
-
-    unsetenv("AFD_ISP_PORT");
-    unsetenv("AFD_CMD_BIND");
-    unsetenv("AFD_TUNING_PORT");
-    unsetenv("AFD_REPLY_PORT");
+    for (const char* v : vars)
+        unsetenv(v);
     platform::reload_ports();
 }
 
