@@ -1,330 +1,256 @@
-// MS41908 driver against a recording fake chip: the register groups of every operation and their
-// strobes, the pulse-period table, the sensor supply and command, the iris drive, homing on the
-// GPIO home sensors with each of its failure limits, and bounded waits on a stuck busy line.
+// Chip detection, and the MS41908 driver against the fake chip: the register groups of every
+// operation and their strobes, matched pulse periods, the sensor supply and command, the iris,
+// homing on the GPIO home sensors with each of its failure limits, and bounded waits on a stuck
+// busy line.
 #include <gtest/gtest.h>
 
-#include <string>
-#include <utility>
-#include <vector>
+#include <cmath>
 
-#include "lens_api/gpio_pins.h"
-#include "lens_api/iris.h"
-#include "lens_api/lens_driver.h"
-#include "lens_api/lens_ms.h"
-#include "lens_api/lens_position.h"
-#include "lens_api/spi_link.h"
-#include "platform/sim/virtual_clock.h"
-#include "tests/lens_api/fake_ms41908.h"
-#include "tests/support/test_env.h"
+#include "tests/lens_api/fake_devices.h"
 
 namespace {
 
-using msfake::Event;
+using lensfake::Call;
 using testsupport::capture_stdout;
 using Writes = std::vector<std::pair<uint8_t, uint16_t>>;
 
-class MsDriverTest : public msfake::RigTest<platform::VirtualClock> {
+class LensChipDetect : public lensfake::Rig<> {
+  protected:
+    static std::string detect() {
+        return capture_stdout([] {
+            gpio_load_pins();
+            lens_detect_chip();
+        });
+    }
+    static bool iris_table_fits(uint16_t max) {
+        for (uint8_t i = 0; i < kIrisSteps; ++i)
+            if (iris_table_get(i) > max)
+                return false;
+        return true;
+    }
+};
+
+TEST_F(LensChipDetect, AnLc898201AnsweringTheProbeKeepsItsTableAndLink) {
+    lensfake::LcChip lc{board};
+    EXPECT_EQ(detect(), "IC is LC898201 \n");
+    EXPECT_EQ(lens_is_ms41908(), 0);
+    EXPECT_EQ(lens_ops().move_both, kLc898201Ops.move_both);
+    EXPECT_EQ(spi_lc_info().opened, 1) << "its link stays open for the driver";
+    EXPECT_TRUE(board.calls(Call::kGpio).empty()) << "the MS41908 lines are left alone";
+    EXPECT_FALSE(iris_table_fits(1023)) << "the iris keeps the LC898201's range";
+    board.clear();
+    ms_sensor_command(0x20);
+    EXPECT_EQ(ms_sensor_last_command(), 0x20);
+    EXPECT_TRUE(board.calls().empty()) << "the MS41908 sensor command is only stored";
+}
+
+TEST_F(LensChipDetect, AnMs41908IgnoresTheProbeAndGetsItsTableLinesAndIrisTable) {
+    lensfake::MsChip ms{board};
+    ms.path = "/dev/spidev2.0";
+    spi_set_bus_number(2);
+    EXPECT_EQ(detect(), "init gpio \nIC is MS41908 \n");
+    EXPECT_EQ(lens_is_ms41908(), 1);
+    EXPECT_EQ(lens_ops().move_both, kMs41908Ops.move_both);
+    // The probe (a write and a read) went out in the LC898201's mode; that link is closed now.
+    const auto frames = board.calls(Call::kTransfer);
+    ASSERT_EQ(frames.size(), 2u);
+    EXPECT_EQ(frames[0].mode + frames[1].mode, 2 * 0x03);
+    EXPECT_EQ(spi_lc_info().opened, 0);
+    EXPECT_EQ(board.calls(Call::kClose).size(), 1u);
+    // vd as an output, then the focus sensor, the zoom sensor and pls as inputs.
+    std::vector<std::pair<unsigned long, uint32_t>> setup;
+    for (const Call& c : board.calls(Call::kGpio))
+        setup.emplace_back(c.request, c.value);
+    EXPECT_EQ(setup, (decltype(setup){{kGpioReqOutHigh, 112},
+                                      {kGpioReqInput, 111},
+                                      {kGpioReqInput, 50},
+                                      {kGpioReqInput, 62}}));
+    EXPECT_TRUE(iris_table_fits(1023));
+    // From here the MS41908 link reaches the chip on its bus, in its own mode.
+    lens_ops().init_regs();
+    EXPECT_EQ(ms.regs[0x24], 0x1520);
+}
+
+class Ms41908Driver : public lensfake::Rig<> {
   protected:
     void SetUp() override {
-        RigTest::SetUp();
-        capture_stdout([] { gpio_load_pins(); });
-    }
-    // The chip as the driver finds it after detection and set-up.
-    void set_up_chip() {
+        Rig::SetUp();
         capture_stdout([] {
+            gpio_load_pins();
             lens_detect_chip();
             ms_init_regs();
         });
         ASSERT_EQ(lens_is_ms41908(), 1);
-        chip.clear_events();
+        board.clear();
     }
-    // Kinds of the write-side events (writes and strobe edges) in order.
-    std::vector<Event::Kind> group_shape() {
-        std::vector<Event::Kind> out;
-        for (const Event& e : chip.events())
-            if (e.kind == Event::kWrite || e.kind == Event::kVdLow || e.kind == Event::kVdHigh)
-                out.push_back(e.kind);
-        return out;
-    }
+    lensfake::MsChip chip{board};
 };
 
-constexpr auto W = Event::kWrite;
-constexpr auto L = Event::kVdLow;
-constexpr auto H = Event::kVdHigh;
-
-TEST_F(MsDriverTest, SetUpWritesBothTablesInOrderWithoutStrobes) {
-    set_up_chip();
-    capture_stdout([] { ms_init_regs(); });
-    EXPECT_EQ(chip.writes(), (Writes{{0x20, 0x1E01},
-                                     {0x21, 0x0087},
-                                     {0x22, 0x0001},
-                                     {0x23, 0xF0F0},
-                                     {0x24, 0x1520},
-                                     {0x25, 0x0232},
-                                     {0x27, 0x0001},
-                                     {0x28, 0xF0F0},
-                                     {0x29, 0x1520},
-                                     {0x2A, 0x0232},
-                                     {0x00, 0x0000},
-                                     {0x01, 0x708A},
-                                     {0x02, 0x66F0},
-                                     {0x03, 0x0E10},
-                                     {0x04, 0x8A40},
-                                     {0x05, 0x0924},
-                                     {0x0B, 0x0480},
-                                     {0x0A, 0x0000},
-                                     {0x0E, 0x0C00}}));
-    EXPECT_EQ(chip.strobes(), 0u);
-    EXPECT_EQ(ms_zoom_word(), 0x1520);
-    EXPECT_EQ(ms_focus_word(), 0x1520);
-}
-
-TEST_F(MsDriverTest, ChannelStepsWriteBothWordsInsideOneStrobe) {
-    set_up_chip();
-    ms_zoom_step(1, 10);
-    EXPECT_EQ(chip.writes(), (Writes{{0x24, 0x1414}, {0x29, 0x1500}}));
-    EXPECT_EQ(group_shape(), (std::vector<Event::Kind>{L, W, W, H}));
-    EXPECT_EQ(chip.zoom(), -10) << "direction 1 lowers the zoom, two pulses a step";
-
-    // A negative count moves 127 steps (254 pulses); direction 0 sets bit 8.
-    chip.clear_events();
-    ms_zoom_step(0, static_cast<uint8_t>(-1));
-    EXPECT_EQ(chip.writes(), (Writes{{0x24, 0x15FE}, {0x29, 0x1500}}));
-    EXPECT_EQ(chip.zoom(), 117);
-
-    // Focus: one pulse a step, the zoom count cleared; the words keep the order 0x24, 0x29.
-    chip.clear_events();
-    ms_focus_step(1, 30);
-    EXPECT_EQ(chip.writes(), (Writes{{0x24, 0x1500}, {0x29, 0x141E}}));
-    EXPECT_EQ(chip.focus_pos, 30) << "direction 1 raises the focus";
-    chip.clear_events();
-    ms_focus_step(0, 200);  // -56 as a signed count
-    EXPECT_EQ(chip.writes(), (Writes{{0x24, 0x1500}, {0x29, 0x157F}}));
-    EXPECT_EQ(chip.focus_pos, 30 - 127);
-
-    // No steps: the idle wait still runs, nothing is written or strobed.
-    chip.clear_events();
+// Control words: count in bits 0..7 (two pulses a zoom step, one a focus step), bit 8 set for
+// direction 0, the other channel's count cleared. A count above 127 is taken as signed: 127 steps.
+TEST_F(Ms41908Driver, ChannelStepsWriteBothControlWordsInOneStrobedGroup) {
+    const struct {
+        bool zoom;
+        uint8_t dir, steps;
+        Writes words;
+        int zoom_moved, focus_moved;
+    } cases[] = {
+        {true, 1, 10, {{0x24, 0x1414}, {0x29, 0x1500}}, -10, 0},
+        {true, 0, 255, {{0x24, 0x15FE}, {0x29, 0x1500}}, 127, 0},
+        {false, 1, 30, {{0x24, 0x1500}, {0x29, 0x141E}}, 0, 30},
+        {false, 0, 200, {{0x24, 0x1500}, {0x29, 0x157F}}, 0, -127},
+    };
+    chip.busy_reads = 0;
+    for (const auto& c : cases) {
+        board.clear();
+        const int z0 = chip.zoom(), f0 = chip.focus;
+        (c.zoom ? ms_zoom_step : ms_focus_step)(c.dir, c.steps);
+        EXPECT_EQ(chip.writes(), c.words) << int(c.steps);
+        EXPECT_EQ(chip.shape(), "BLWWH");
+        EXPECT_EQ(chip.zoom() - z0, c.zoom_moved);
+        EXPECT_EQ(chip.focus - f0, c.focus_moved);
+    }
+    board.clear();
     ms_zoom_step(1, 0);
-    EXPECT_TRUE(chip.writes().empty());
-    EXPECT_EQ(chip.count(Event::kVdLow), 0);
-    EXPECT_GE(chip.count(Event::kBusyRead), 1);
+    EXPECT_EQ(chip.shape(), "B") << "no steps: nothing written or strobed";
 }
 
-TEST_F(MsDriverTest, StepsWaitForTheBusyLineBeforeTheStrobe) {
-    set_up_chip();
+TEST_F(Ms41908Driver, AStepWaitsForTheBusyLineToFallBeforeItsGroup) {
     chip.busy_reads = 5;
     ms_zoom_step(1, 2);
-    chip.clear_events();
+    board.clear();
     const uint64_t t0 = clock.monotonic_us();
     ms_zoom_step(1, 2);
-    // Five busy reads, then the idle one, then the group; 1 us between polls.
-    const std::vector<Event> ev = chip.events();
-    int reads = 0;
-    for (const Event& e : ev) {
-        if (e.kind == Event::kVdLow)
-            break;
-        reads += e.kind == Event::kBusyRead;
+    EXPECT_EQ(chip.shape(), "BBBBBBLWWH");
+    EXPECT_EQ(clock.monotonic_us() - t0, 5u) << "1 us between polls";
+}
+
+// A zoom step is two pulses at the zoom period, a focus step one at the focus period: any pair of
+// step counts ends together on both channels.
+TEST_F(Ms41908Driver, MoveBothTimesTheChannelsToFinishTogether) {
+    chip.busy_reads = 0;
+    std::string late;
+    for (int z = 1; z <= 100; ++z) {
+        for (int f = 1; f <= 100; ++f) {
+            ms_move_both(0, static_cast<uint8_t>(z), 1, static_cast<uint8_t>(f));
+            ASSERT_EQ(chip.regs[0x24] & 0xFF, 2 * z);
+            ASSERT_EQ(chip.regs[0x29] & 0xFF, f);
+            const double zoom_time = 2.0 * z * chip.regs[0x25];
+            if (std::abs(f * chip.regs[0x2A] - zoom_time) > 0.02 * zoom_time)
+                late += " " + std::to_string(z) + "/" + std::to_string(f);
+        }
     }
-    EXPECT_EQ(reads, 6);
-    EXPECT_EQ(clock.monotonic_us() - t0, 5u);
-}
+    EXPECT_EQ(late, "");
 
-TEST_F(MsDriverTest, MoveBothMatchesThePeriodsOfTheTwoChannels) {
-    set_up_chip();
-    ms_move_both(0, 0, 1, 20);
-    EXPECT_EQ(chip.writes(), (Writes{{0x2A, 374}, {0x29, 0x1414}, {0x25, 14638}, {0x24, 0x1500}}));
-    EXPECT_EQ(group_shape(), (std::vector<Event::Kind>{L, W, W, W, W, H}));
-
-    chip.clear_events();
+    board.clear();
     ms_move_both(1, 10, 0, 30);
-    EXPECT_EQ(chip.writes(),
-              (Writes{{0x2A, 2 * 486}, {0x29, 0x151E}, {0x25, 1462}, {0x24, 0x1414}}));
-    EXPECT_EQ(chip.zoom(), -10);
-    EXPECT_EQ(chip.focus_pos, 20 - 30);
-
-    // Zoom only: the focus period is twice entry 0.
-    chip.clear_events();
+    EXPECT_EQ(chip.shape(), "BLWWWWH");
+    EXPECT_EQ(chip.regs[0x24], 0x1414);
+    EXPECT_EQ(chip.regs[0x29], 0x151E);
+    ms_move_both(0, 0, 1, 20);
+    EXPECT_EQ(chip.regs[0x24] & 0xFF, 0);
+    EXPECT_EQ(chip.regs[0x2A], 374) << "a focus-only move runs at the focus motor's own speed";
     ms_move_both(0, 80, 0, 0);
-    EXPECT_EQ(chip.writes(), (Writes{{0x2A, 29276}, {0x29, 0x1500}, {0x25, 181}, {0x24, 0x15A0}}));
+    EXPECT_EQ(chip.regs[0x29] & 0xFF, 0);
+    // Beyond the table the fastest periods; 200 zoom steps saturate the count rather than spill
+    // into the direction bit.
+    ms_move_both(0, 100, 0, 100);
+    const uint16_t zoom_fastest = chip.regs[0x25], focus_fastest = chip.regs[0x2A];
+    ms_move_both(0, 200, 0, 110);
+    EXPECT_EQ(chip.regs[0x25], zoom_fastest);
+    EXPECT_EQ(chip.regs[0x2A], focus_fastest);
+    EXPECT_EQ(chip.regs[0x24], 0x15FF);
+    EXPECT_EQ(chip.regs[0x29], 0x1500 + 110);
 }
 
-TEST_F(MsDriverTest, StepCountsBeyondTheTableUseItsLastEntry) {
-    EXPECT_EQ(ms_period_for_steps(0), 14638);
-    EXPECT_EQ(ms_period_for_steps(100), 145);
-    EXPECT_EQ(ms_period_for_steps(101), 145);
-    EXPECT_EQ(ms_period_for_steps(255), 145);
-
-    set_up_chip();
-    // A focus reversal with calibrated backlash: 80 + 30 steps while the zoom moves.
-    ms_move_both(1, 10, 1, 110);
-    EXPECT_EQ(chip.writes()[0], (std::pair<uint8_t, uint16_t>{0x2A, 290}));
-    EXPECT_EQ(chip.writes()[1], (std::pair<uint8_t, uint16_t>{0x29, 0x146E}));
-    // 200 zoom steps would be 400 pulses: the count saturates instead of flipping the direction.
-    chip.clear_events();
-    ms_move_both(0, 200, 0, 0);
-    EXPECT_EQ(chip.writes()[2], (std::pair<uint8_t, uint16_t>{0x25, 145}));
-    EXPECT_EQ(chip.writes()[3], (std::pair<uint8_t, uint16_t>{0x24, 0x15FF}));
-}
-
-TEST_F(MsDriverTest, SensorSupplyTakesBit11WithoutStrobeAndSurvivesMoves) {
-    set_up_chip();
-    const uint64_t t0 = clock.monotonic_us();
+TEST_F(Ms41908Driver, SensorSupplyIsBit11WrittenAtOnceAndKeptThroughMoves) {
     ms_sensor_power_on();
     EXPECT_EQ(chip.writes(), (Writes{{0x24, 0x1D00}, {0x29, 0x1D00}}));
-    EXPECT_EQ(clock.monotonic_us() - t0, 50000u);
-    chip.clear_events();
+    EXPECT_EQ(chip.shape(), "WW") << "no strobe, no wait";
+    EXPECT_EQ(clock.monotonic_us(), 50000u);
+    board.clear();
     ms_zoom_step(1, 1);
     EXPECT_EQ(chip.writes(), (Writes{{0x24, 0x1C02}, {0x29, 0x1D00}}));
-    chip.clear_events();
+    board.clear();
     ms_sensor_power_off();
     EXPECT_EQ(chip.writes(), (Writes{{0x24, 0x1400}, {0x29, 0x1500}}));
-    EXPECT_EQ(chip.strobes(), 1u);
-    EXPECT_EQ(clock.monotonic_us() - t0, 100000u);
+    EXPECT_EQ(clock.monotonic_us(), 100000u);
 }
 
-TEST_F(MsDriverTest, IrisDriveReachesTheChipOncePerNewValue) {
-    set_up_chip();
+TEST_F(Ms41908Driver, IrisDriveReachesTheChipOncePerNewValueWithoutMovingAMotor) {
     ms_iris_drive(0);
-    EXPECT_TRUE(chip.events().empty()) << "the last value starts at 0";
-
-    const uint64_t t0 = clock.monotonic_us();
+    EXPECT_EQ(chip.shape(), "") << "the last value starts at 0";
     ms_iris_drive(5);
     EXPECT_EQ(chip.writes(), (Writes{{0x00, 1018}, {0x24, 0x1500}, {0x29, 0x1500}}));
-    EXPECT_EQ(group_shape(), (std::vector<Event::Kind>{L, W, W, W, H}));
-    EXPECT_GE(clock.monotonic_us() - t0, 4000u);
-    EXPECT_EQ(chip.zoom(), 0);
-    EXPECT_EQ(chip.focus_pos, 0);
+    EXPECT_EQ(chip.shape(), "BLWWWH");
+    EXPECT_GE(clock.monotonic_us(), 4000u);
+    EXPECT_EQ(chip.zoom() + chip.focus, 0);
     EXPECT_EQ(ms_iris_value(), 5);
-
-    chip.clear_events();
+    board.clear();
     ms_iris_drive(5);
-    EXPECT_TRUE(chip.events().empty());
+    EXPECT_EQ(chip.shape(), "");
     ms_iris_drive(2000);
-    EXPECT_EQ(chip.writes()[0], (std::pair<uint8_t, uint16_t>{0x00, 0}));
+    EXPECT_EQ(chip.regs[0x00], 0);
     EXPECT_EQ(ms_iris_value(), 1023);
 }
 
-TEST_F(MsDriverTest, IrisDriveOnAStuckBusyLineIsDroppedAndRetriedLater) {
-    set_up_chip();
+TEST_F(Ms41908Driver, IrisDriveOnAStuckBusyLineIsDroppedAndRetriedLater) {
     chip.busy_stuck = true;
-    std::string out = capture_stdout([] { ms_iris_drive(300); });
+    const std::string out = capture_stdout([] { ms_iris_drive(300); });
     EXPECT_TRUE(chip.writes().empty());
     EXPECT_EQ(ms_busy_timeouts(), 1u);
     EXPECT_NE(out.find("DBG_ERR:lens_api/lens_ms ms_iris_drive["), std::string::npos) << out;
     EXPECT_NE(out.find("busy line stuck"), std::string::npos);
     chip.busy_stuck = false;
     ms_iris_drive(300);
-    EXPECT_EQ(chip.writes()[0], (std::pair<uint8_t, uint16_t>{0x00, 723}));
+    EXPECT_EQ(chip.regs[0x00], 723);
 }
 
-TEST_F(MsDriverTest, MoveOnAStuckBusyLineIsDroppedWithinTheBound) {
-    set_up_chip();
+TEST_F(Ms41908Driver, AMoveOnAStuckBusyLineIsDroppedWithinTheBound) {
     chip.busy_stuck = true;
-    const uint64_t t0 = clock.monotonic_us();
+    board.keep_log = false;
     const std::string out = capture_stdout([] { ms_move_both(0, 10, 0, 10); });
-    EXPECT_EQ(chip.strobes(), 0u);
+    EXPECT_EQ(chip.strobes, 0u);
     EXPECT_NE(out.find("busy line stuck (pls reads 1), move dropped"), std::string::npos) << out;
     // Without sleeps between polls the bound is the poll count (time does not advance here).
-    EXPECT_EQ(chip.count(Event::kBusyRead), static_cast<int>(kMsBusyWaitMaxPolls));
-    EXPECT_EQ(clock.monotonic_us(), t0);
+    EXPECT_EQ(chip.pls_reads, kMsBusyWaitMaxPolls);
+    EXPECT_EQ(clock.monotonic_us(), 0u);
 
-    // When each read costs time, as a bus call does, the 2 s on the clock end the wait.
-    chip.clock = &clock;
-    chip.call_cost_us = 10;
-    chip.clear_events();
+    // When each read costs time, as a bus call does, the time on the clock ends the wait.
+    board.after_call = [this](const Call& c) {
+        if (c.kind == Call::kGpio)
+            clock.sleep_us(10);
+    };
     capture_stdout([] { ms_zoom_step(0, 1); });
-    EXPECT_GE(clock.monotonic_us() - t0, kMsBusyWaitLimitUs);
-    EXPECT_LT(clock.monotonic_us() - t0, kMsBusyWaitLimitUs + 20);
-    EXPECT_EQ(chip.strobes(), 0u);
+    EXPECT_GE(clock.monotonic_us(), kMsBusyWaitLimitUs);
+    EXPECT_LT(clock.monotonic_us(), kMsBusyWaitLimitUs + 20);
+    EXPECT_EQ(chip.strobes, 0u);
     EXPECT_EQ(ms_busy_timeouts(), 2u);
 }
 
-TEST_F(MsDriverTest, FilterSwitchDrivesForATenthOfASecond) {
-    set_up_chip();
+TEST_F(Ms41908Driver, FilterSwitchDrivesForATenthOfASecond) {
     ms_filter_switch(1);
     ms_filter_switch(0);
     EXPECT_EQ(chip.writes(), (Writes{{0x2C, 6}, {0x2C, 2}, {0x2C, 5}, {0x2C, 2}}));
     EXPECT_EQ(clock.monotonic_us(), 200000u);
 }
 
-TEST_F(MsDriverTest, SensorCommandSwitchesOneSupplyWithoutStrobeOrWait) {
-    ms_sensor_command(0x10);
-    EXPECT_EQ(ms_sensor_last_command(), 0x10);
-    EXPECT_TRUE(chip.writes().empty()) << "not the chip in use: only stored";
-
-    set_up_chip();
-    chip.busy_stuck = true;   // a move in progress does not delay the command
-    ms_sensor_command(0x10);  // toggle zoom: on
-    EXPECT_EQ(chip.writes(), (Writes{{0x24, 0x1D20}}));
-    EXPECT_EQ(ms_sensor_toggle_state(), 1);
-    ms_sensor_command(0x11);  // toggle focus: the one toggle state says "on", so off
-    ms_sensor_command(0x21);  // focus on
-    ms_sensor_command(0x30);  // zoom off
-    ms_sensor_command(0x01);  // nothing
+// Bit 0 picks the channel (1 focus), bits 4..5 the action (toggle, on, off, nothing); one toggle
+// state serves both channels.
+TEST_F(Ms41908Driver, SensorCommandSwitchesOneSupplyWithoutStrobeOrWait) {
+    chip.busy_stuck = true;  // a move in progress does not delay the command
+    for (uint8_t command : {0x10, 0x11, 0x21, 0x30, 0x01})
+        ms_sensor_command(command);
     EXPECT_EQ(chip.writes(),
               (Writes{{0x24, 0x1D20}, {0x29, 0x1520}, {0x29, 0x1D20}, {0x24, 0x1520}}));
+    EXPECT_EQ(chip.shape(), "WWWW");
     EXPECT_EQ(ms_sensor_toggle_state(), 0);
     EXPECT_EQ(ms_sensor_last_command(), 0x01);
-    EXPECT_EQ(chip.count(Event::kBusyRead), 0);
-    EXPECT_EQ(chip.strobes(), 0u);
 }
 
 // ---- Homing ------------------------------------------------------------------------------------
 
-class MsHomingTest : public MsDriverTest {
-  protected:
-    void SetUp() override {
-        MsDriverTest::SetUp();
-        set_up_chip();
-        ms_sensor_power_on();
-        chip.clear_events();
-    }
-};
-
-TEST_F(MsHomingTest, ZoomFromBelowFindsTheSensorBacksOffAndApproachesInSingleSteps) {
-    chip.set_zoom(3000);
-    uint32_t r = 1;
-    const std::string out = capture_stdout([&] { r = lens_zoom_init_ms(); });
-    EXPECT_EQ(r, kHomeOk);
-    EXPECT_EQ(chip.zoom(), 6378);
-    // 212 moves of 16 reach 6392, one back to 6376, two single steps.
-    EXPECT_NE(out.find("zoom init: 1 time = 212\n"), std::string::npos) << out;
-    EXPECT_NE(out.find("zoom init: 3 time = 2\n"), std::string::npos);
-    EXPECT_EQ(chip.strobes(), 212u + 1 + 2);
-}
-
-TEST_F(MsHomingTest, ZoomFromOnTheSensorLeavesItFirst) {
-    chip.set_zoom(6500);
-    std::string out = capture_stdout([] { EXPECT_EQ(lens_zoom_init_ms(), kHomeOk); });
-    EXPECT_EQ(chip.zoom(), 6378);
-    EXPECT_NE(out.find("zoom init: 2 time = 1\n"), std::string::npos);
-    EXPECT_NE(out.find("zoom init: 2 time = 8\n"), std::string::npos) << "6500 - 8 x 16 = 6372";
-    EXPECT_EQ(out.find("zoom init: 1 time"), std::string::npos);
-    EXPECT_NE(out.find("zoom init: 3 time = 6\n"), std::string::npos);
-}
-
-TEST_F(MsHomingTest, FocusHomesFromEitherSide) {
-    chip.focus_pos = 5000;
-    std::string out = capture_stdout([] { EXPECT_EQ(lens_focus_init_ms(), kHomeOk); });
-    EXPECT_EQ(chip.focus_pos, 2400);
-    EXPECT_NE(out.find("focus init: 1 time = 163\n"), std::string::npos) << out;
-    chip.focus_pos = 100;
-    out = capture_stdout([] { EXPECT_EQ(lens_focus_init_ms(), kHomeOk); });
-    EXPECT_EQ(chip.focus_pos, 2400);
-    EXPECT_NE(out.find("focus init: 2 time = 144\n"), std::string::npos) << out;
-}
-
-TEST_F(MsHomingTest, AnUnpoweredSensorNeverTrips) {
-    ms_sensor_power_off();
-    chip.set_zoom(6400);
-    const std::string out = capture_stdout([] { EXPECT_EQ(lens_zoom_init_ms(), kHomeFailed); });
-    EXPECT_NE(out.find("DBG_ERR:lens_api/lens_ms lens_zoom_init_ms[0973] zoom initial fail!\n"),
-              std::string::npos)
-        << out;
-}
-
-// How a sensor misbehaves, per read.
-enum class Misbehaviour {
+enum class Sensor {
     kDead,        // never on
     kStuckOn,     // always on
     kLatchesOn,   // normal until first on, then stays on
@@ -334,169 +260,58 @@ enum class Misbehaviour {
 struct HomingFailure {
     const char* name;
     bool zoom;
-    Misbehaviour how;
-    int start;  // starting position
+    Sensor how;
     const char* message;
     uint32_t strobes;  // moves made before giving up
 };
 
-void PrintTo(const HomingFailure& f, std::ostream* os) {
-    *os << f.name;
-}
+class Ms41908HomingFailure : public Ms41908Driver,
+                             public ::testing::WithParamInterface<HomingFailure> {};
 
-class MsHomingFailures : public MsHomingTest,
-                         public ::testing::WithParamInterface<HomingFailure> {};
-
-TEST_P(MsHomingFailures, StopAtTheirLimitWithTheirMessage) {
+TEST_P(Ms41908HomingFailure, StopsAtItsLimitWithItsMessage) {
     const HomingFailure& p = GetParam();
-    const int channel = p.zoom ? 1 : 0;
-    // The normal sensor, as the threshold model gives it.
-    auto normal = [this, channel] {
-        return channel == 1 ? chip.zoom() >= chip.zoom_edge : chip.focus_pos <= chip.focus_edge;
-    };
     int phase = 0;  // 0 before first on, 1 on, 2 off again
-    chip.sensor_override = [&, channel](int ch) -> int {
-        if (ch != channel)
+    chip.sensor_override = [&](int channel) -> int {
+        if (channel != (p.zoom ? 1 : 0))
             return -1;
-        switch (p.how) {
-            case Misbehaviour::kDead:
-                return 0;
-            case Misbehaviour::kStuckOn:
-                return 1;
-            case Misbehaviour::kLatchesOn:
-                if (normal())
-                    phase = 1;
-                return phase == 1 ? 1 : 0;
-            case Misbehaviour::kDiesAtBack: {
-                if (phase == 2)
-                    return 0;
-                const bool on = normal();
-                if (on)
-                    phase = 1;
-                else if (phase == 1)
-                    phase = 2;
-                return on ? 1 : 0;
-            }
-        }
-        return 0;
+        const bool lit = chip.sensor_lit(channel);
+        if (p.how == Sensor::kDead || (p.how == Sensor::kDiesAtBack && phase == 2))
+            return 0;
+        if (p.how == Sensor::kStuckOn || (p.how == Sensor::kLatchesOn && phase == 1))
+            return 1;
+        phase = lit ? 1 : phase == 1 ? 2 : phase;
+        return lit;
     };
-    if (p.zoom)
-        chip.set_zoom(p.start);
-    else
-        chip.focus_pos = p.start;
+    chip.set_zoom(3000);
+    chip.focus = 3000;
+    ms_sensor_power_on();
     uint32_t r = 0;
     const std::string out =
         capture_stdout([&] { r = p.zoom ? lens_zoom_init_ms() : lens_focus_init_ms(); });
     EXPECT_EQ(r, kHomeFailed);
     EXPECT_NE(out.find(p.message), std::string::npos) << out;
-    EXPECT_EQ(chip.strobes(), p.strobes);
+    EXPECT_EQ(chip.strobes, p.strobes);
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Limits, MsHomingFailures,
-    ::testing::Values(HomingFailure{"ZoomDead", true, Misbehaviour::kDead, 3000,
+    Limits, Ms41908HomingFailure,
+    ::testing::Values(HomingFailure{"ZoomDead", true, Sensor::kDead,
                                     "lens_zoom_init_ms[0973] zoom initial fail!\n", 500},
-                      HomingFailure{"ZoomLatchesOn", true, Misbehaviour::kLatchesOn, 3000,
+                      HomingFailure{"ZoomLatchesOn", true, Sensor::kLatchesOn,
                                     "lens_zoom_init_ms[0986] zoom initial fail! 1\n", 212 + 100},
-                      HomingFailure{"ZoomStuckOn", true, Misbehaviour::kStuckOn, 3000,
+                      HomingFailure{"ZoomStuckOn", true, Sensor::kStuckOn,
                                     "lens_zoom_init_ms[0998] zoom initial fail! 2\n", 500},
-                      HomingFailure{"ZoomDiesAtBack", true, Misbehaviour::kDiesAtBack, 3000,
+                      HomingFailure{"ZoomDiesAtBack", true, Sensor::kDiesAtBack,
                                     "lens_zoom_init_ms[1017] zoom initial fail!\n", 212 + 1 + 3000},
-                      HomingFailure{"FocusDead", false, Misbehaviour::kDead, 3000,
+                      HomingFailure{"FocusDead", false, Sensor::kDead,
                                     "lens_focus_init_ms[1099] focus initial fail!\n", 300},
-                      HomingFailure{"FocusLatchesOn", false, Misbehaviour::kLatchesOn, 3000,
+                      HomingFailure{"FocusLatchesOn", false, Sensor::kLatchesOn,
                                     "lens_focus_init_ms[1111] focus initial fail!\n", 38 + 100},
-                      HomingFailure{"FocusStuckOn", false, Misbehaviour::kStuckOn, 3000,
+                      HomingFailure{"FocusStuckOn", false, Sensor::kStuckOn,
                                     "lens_focus_init_ms[1122] focus initial fail!\n", 300},
-                      HomingFailure{"FocusDiesAtBack", false, Misbehaviour::kDiesAtBack, 3000,
+                      HomingFailure{"FocusDiesAtBack", false, Sensor::kDiesAtBack,
                                     "lens_focus_init_ms[1146] focus initial fail!\n",
                                     38 + 1 + 200}),
     [](const ::testing::TestParamInfo<HomingFailure>& i) { return std::string(i.param.name); });
-
-// ---- Start-up through the table ----------------------------------------------------------------
-
-TEST_F(MsDriverTest, MotorInitHomesBothAndSetsTheCounts) {
-    capture_stdout([] { lens_detect_chip(); });
-    chip.set_zoom(1000);
-    chip.focus_pos = 6000;
-    uint8_t r = 0xFF;
-    capture_stdout([&] { r = lens_motor_init(); });
-    EXPECT_EQ(r, 0);
-    EXPECT_EQ(lens_get_zoom_pos(), 6378);
-    EXPECT_EQ(lens_get_focus_pos(), 2400);
-    EXPECT_EQ(chip.zoom(), 6378);
-    EXPECT_EQ(chip.focus_pos, 2400);
-    EXPECT_EQ(chip.reg(0x24) & 0x800, 0) << "supplies off after homing";
-    EXPECT_EQ(chip.reg(0x29) & 0x800, 0);
-
-    // Counts follow the chip through lens_move from here on.
-    lens_move(0, 50, 1, 30);
-    lens_move(1, 20, 0, 10);
-    // Both reversals carry the backlash (zoom 1, focus 2) to the motor, not to the counts; this
-    // chip has no play, so its motor ends where the counts say.
-    EXPECT_EQ(lens_get_zoom_pos(), 6378 - 50 + 20);
-    EXPECT_EQ(chip.zoom(), 6378 - 51 + 21);
-    EXPECT_EQ(lens_get_focus_pos(), 2400 + 30 - 10);
-    EXPECT_EQ(chip.focus_pos, 2400 + 32 - 12);
-}
-
-struct InitCase {
-    const char* name;
-    bool zoom_dead;
-    bool focus_dead;
-    uint8_t result;
-};
-
-class MsMotorInitFailures : public MsDriverTest, public ::testing::WithParamInterface<InitCase> {};
-
-TEST_P(MsMotorInitFailures, GiveTheFailureBitsAndZeroCounts) {
-    const InitCase& c = GetParam();
-    capture_stdout([] { lens_detect_chip(); });
-    chip.set_zoom(5000);
-    chip.focus_pos = 3000;
-    chip.sensor_override = [&c](int ch) -> int {
-        return (ch == 1 && c.zoom_dead) || (ch == 0 && c.focus_dead) ? 0 : -1;
-    };
-    lens_set_positions(100, 100);
-    uint8_t r = 0xFF;
-    const std::string out = capture_stdout([&] { r = lens_motor_rehome(); });
-    EXPECT_EQ(r, c.result);
-    EXPECT_EQ(lens_get_zoom_pos(), 0);
-    EXPECT_EQ(lens_get_focus_pos(), 0);
-    // The focus is homed even after the zoom failed.
-    EXPECT_EQ(chip.focus_pos == 2400, !c.focus_dead) << out;
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Sensors, MsMotorInitFailures,
-    ::testing::Values(InitCase{"Zoom", true, false, kZoomHomeFailed},
-                      InitCase{"Focus", false, true, kFocusHomeFailed},
-                      InitCase{"Both", true, true, kZoomHomeFailed | kFocusHomeFailed}),
-    [](const ::testing::TestParamInfo<InitCase>& i) { return std::string(i.param.name); });
-
-TEST_F(MsDriverTest, StuckBusyLineFailsBothHomingsWithinBoundedTime) {
-    capture_stdout([] { lens_detect_chip(); });
-    chip.busy_stuck = true;
-    uint8_t r = 0;
-    const std::string out = capture_stdout([&] { r = lens_motor_init(); });
-    EXPECT_EQ(r, kZoomHomeFailed | kFocusHomeFailed);
-    EXPECT_NE(out.find("lens_zoom_init_ms["), std::string::npos);
-    EXPECT_NE(out.find("busy line stuck"), std::string::npos);
-    EXPECT_NE(out.find("zoom initial fail!"), std::string::npos);
-    EXPECT_NE(out.find("focus initial fail!"), std::string::npos);
-    EXPECT_LT(clock.monotonic_us(), 5u * 1000000u);
-}
-
-TEST_F(MsDriverTest, MissingGpioDeviceFailsTheHomingCleanly) {
-    chip.gpio_open_fails = true;
-    capture_stdout([] { gpio_load_pins(); });
-    capture_stdout([] { lens_detect_chip(); });
-    uint8_t r = 0;
-    // A failed read leaves the pin number (62) where the level should be: "busy" for ever.
-    const std::string out = capture_stdout([&] { r = lens_motor_init(); });
-    EXPECT_EQ(r, kZoomHomeFailed | kFocusHomeFailed);
-    EXPECT_NE(out.find("busy line stuck (pls reads 62)"), std::string::npos) << out;
-    EXPECT_LT(clock.monotonic_us(), 5u * 1000000u);
-}
 
 }  // namespace

@@ -2,126 +2,101 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <vector>
+#include <memory>
 
 #include "sim/hw/lc898201_emu.h"
 
 namespace {
 
-using vcam::LensMechanics;
 using vcam::hw::Lc898201Config;
 using vcam::hw::Lc898201Emu;
 using vcam::hw::SensorFault;
 
-class LcEmuTest : public ::testing::Test {
+class Lc898201EmuTest : public ::testing::Test {
   protected:
     void make(const Lc898201Config& cfg, double zoom, double focus) {
         emu = std::make_unique<Lc898201Emu>(mech, cfg);
         emu->power_on(zoom, focus, 0);
     }
-    void w8(uint16_t a, uint8_t v, uint8_t mode = 3) {
-        const uint8_t tx[3] = {uint8_t((a & 0x7FFF) >> 8), uint8_t(a), v};
-        uint8_t rx[3];
-        emu->transfer(t, mode, tx, rx, 3);
+    // One frame at time t (then 10 us later); 32-bit data as a float. Returns the value read.
+    uint32_t xfer(uint16_t a, bool read, uint32_t v, bool wide = false, uint8_t mode = 3) {
+        uint8_t tx[6] = {uint8_t((read ? a | 0x8000 : a & 0x7FFF) >> 8), uint8_t(a), uint8_t(v)};
+        for (int i = 0; wide && i < 4; ++i)
+            tx[2 + i] = uint8_t(v >> (24 - 8 * i));
+        uint8_t rx[6];
+        emu->transfer(t, mode, tx, rx, wide ? 6 : 3);
         t += 10;
+        return wide ? (uint32_t(rx[2]) << 24) | (uint32_t(rx[3]) << 16) | (uint32_t(rx[4]) << 8) |
+                          rx[5]
+                    : rx[2];
     }
-    uint8_t r8(uint16_t a, uint8_t mode = 3) {
-        const uint8_t tx[3] = {uint8_t((a | 0x8000) >> 8), uint8_t(a), 0xFF};
-        uint8_t rx[3];
-        emu->transfer(t, mode, tx, rx, 3);
-        t += 10;
-        return rx[2];
+    void w8(uint16_t a, uint8_t v, uint8_t mode = 3) { xfer(a, false, v, false, mode); }
+    uint8_t r8(uint16_t a, uint8_t mode = 3) { return uint8_t(xfer(a, true, 0xFF, false, mode)); }
+    void w32f(uint16_t a, float f) {
+        uint32_t u;
+        std::memcpy(&u, &f, 4);
+        xfer(a, false, u, true);
     }
     float r32f(uint16_t a) {
-        const uint8_t tx[6] = {uint8_t((a | 0x8000) >> 8), uint8_t(a), 0xFF, 0xFF, 0xFF, 0xFF};
-        uint8_t rx[6];
-        emu->transfer(t, 3, tx, rx, 6);
-        t += 10;
-        const uint32_t u =
-            (uint32_t(rx[2]) << 24) | (uint32_t(rx[3]) << 16) | (uint32_t(rx[4]) << 8) | rx[5];
+        const uint32_t u = xfer(a, true, 0xFFFFFFFF, true);
         float f;
         std::memcpy(&f, &u, 4);
         return f;
     }
-    void w32f(uint16_t a, float f) {
-        uint32_t u;
-        std::memcpy(&u, &f, 4);
-        const uint8_t tx[6] = {uint8_t((a & 0x7FFF) >> 8), uint8_t(a),      uint8_t(u >> 24),
-                               uint8_t(u >> 16),           uint8_t(u >> 8), uint8_t(u)};
-        uint8_t rx[6];
-        emu->transfer(t, 3, tx, rx, 6);
-        t += 10;
-    }
-    // Zoom move as the driver starts it: direction word, count, period, start.
-    void zoom_move(bool dir_bit, int steps, uint16_t period = 392) {
-        w8(0x0102, dir_bit ? 0x96 : 0x16);
-        w8(0x0104, uint8_t(period));
-        w8(0x0105, uint8_t(period >> 8));
-        w8(0x0106, uint8_t(steps * 4));
-        w8(0x0107, uint8_t((steps * 4) >> 8));
-        w8(0x010E, 1);
-    }
-    void wait_idle() {
-        for (int i = 0; i < 100000 && r8(0x010E) == 1; ++i) {
+    // A move as the driver starts it (direction word, period, count, start), run to its end.
+    void move(uint16_t base, bool dir_bit, int pulses, uint16_t period = 392) {
+        const uint8_t regs[][2] = {{0x02, uint8_t(dir_bit ? 0x96 : 0x16)}, {0x04, uint8_t(period)},
+                                   {0x05, uint8_t(period >> 8)},           {0x06, uint8_t(pulses)},
+                                   {0x07, uint8_t(pulses >> 8)},           {0x0E, 1}};
+        for (const auto& r : regs)
+            w8(uint16_t(base + r[0]), r[1]);
+        for (int i = 0; i < 100000 && r8(uint16_t(base + 0x0E)) == 1; ++i) {
         }
     }
 
-    LensMechanics mech;
+    vcam::LensMechanics mech;
     std::unique_ptr<Lc898201Emu> emu;
     uint64_t t = 1000;
 };
 
-TEST_F(LcEmuTest, BusyRisesAtStartAndFallsAfterThePulseTrain) {
+TEST_F(Lc898201EmuTest, BusyLastsThePulseTrainAndDirectionBitsMoveEachChannelItsWay) {
     make({}, 1000, 3000);
-    zoom_move(false, 16, 392);  // 64 pulses x 392 x 0.2 us = 5017.6 us
+    // 16 zoom steps: 64 pulses x 392 x 0.2 us = 5017.6 us.
+    const std::pair<uint16_t, uint8_t> start[] = {{0x0102, 0x16},     {0x0104, 392 & 0xFF},
+                                                  {0x0105, 392 >> 8}, {0x0106, 64},
+                                                  {0x0107, 0},        {0x010E, 1}};
+    for (const auto& r : start)
+        w8(r.first, r.second);
     const uint64_t t0 = t - 10;
     EXPECT_EQ(r8(0x010E), 1) << "busy on the very next read";
     t = t0 + 5000;
     EXPECT_EQ(r8(0x010E), 1);
     t = t0 + 5030;
     EXPECT_EQ(r8(0x010E), 0);
-    EXPECT_DOUBLE_EQ(mech.snapshot().zoom, 1016.0) << "direction word 0x16 raises the zoom";
-    zoom_move(true, 10);
-    wait_idle();
-    EXPECT_DOUBLE_EQ(mech.snapshot().zoom, 1006.0);
+    EXPECT_DOUBLE_EQ(mech.snapshot().zoom, 1016.0) << "zoom word 0x16 raises the zoom";
+    move(0x0100, true, 40);
+    EXPECT_DOUBLE_EQ(mech.snapshot().zoom, 1006.0) << "4 pulses a step";
+    move(0x0140, true, 20);
+    EXPECT_DOUBLE_EQ(mech.snapshot().focus, 3010.0) << "focus word 0x96 raises, 2 pulses a step";
 }
 
-TEST_F(LcEmuTest, FocusDirectionBitRaisesAndCountsTwoPulsesPerStep) {
-    make({}, 1000, 3000);
-    w8(0x0142, 0x96);
-    w8(0x0146, 20);  // 10 steps
-    w8(0x014E, 1);
-    for (int i = 0; i < 10000 && r8(0x014E) == 1; ++i) {
-    }
-    EXPECT_DOUBLE_EQ(mech.snapshot().focus, 3010.0);
-}
-
-TEST_F(LcEmuTest, BacklashIsTakenUpOnReversalBeforeTheCarriageMoves) {
+TEST_F(Lc898201EmuTest, BacklashIsTakenUpOnReversalAndEndStopsLosePulses) {
     Lc898201Config cfg;
     cfg.zoom_backlash = 3;
+    cfg.zoom_stop_max = 1020;
     make(cfg, 1000, 3000);
-    zoom_move(false, 10);
-    wait_idle();
+    move(0x0100, false, 40);
     EXPECT_DOUBLE_EQ(mech.snapshot().zoom, 1007.0) << "rising: the first 3 steps take up play";
-    zoom_move(true, 2);
-    wait_idle();
+    move(0x0100, true, 8);
     EXPECT_DOUBLE_EQ(mech.snapshot().zoom, 1007.0) << "reversal inside the play: no motion";
-    zoom_move(true, 5);
-    wait_idle();
+    move(0x0100, true, 20);
     EXPECT_DOUBLE_EQ(mech.snapshot().zoom, 1003.0);
+    move(0x0100, false, 4 * 30);  // 3 steps of play, 17 to the stop, 10 against it
+    EXPECT_DOUBLE_EQ(mech.snapshot().zoom, 1020.0);
+    EXPECT_EQ(emu->lost_pulses(), 4u * 10);
 }
 
-TEST_F(LcEmuTest, EndStopsLosePulses) {
-    Lc898201Config cfg;
-    cfg.zoom_stop_max = 1005;
-    make(cfg, 1000, 3000);
-    zoom_move(false, 20);
-    wait_idle();
-    EXPECT_DOUBLE_EQ(mech.snapshot().zoom, 1005.0);
-    EXPECT_EQ(emu->lost_pulses(), 60u);
-}
-
-TEST_F(LcEmuTest, HomeSensorsAreCrossWiredAndNeedTheirSupply) {
+TEST_F(Lc898201EmuTest, HomeSensorsAreCrossWiredAndNeedTheirSupply) {
     make({}, 6400, 2000);  // zoom above its edge, focus below its edge: both lit
     EXPECT_EQ(r8(0x014C) & 0x10, 0) << "unpowered";
     w8(0x01A0, 0x11);
@@ -134,26 +109,22 @@ TEST_F(LcEmuTest, HomeSensorsAreCrossWiredAndNeedTheirSupply) {
     EXPECT_EQ(r8(0x014C) & 0x10, 0x10);
 }
 
-TEST_F(LcEmuTest, FramesInAnotherModeAreIgnored) {
-    make({}, 0, 0);
+TEST_F(Lc898201EmuTest, FramesInAnotherModeAreIgnoredAndStuckBusyNeverClears) {
+    Lc898201Config cfg;
+    cfg.focus_busy_stuck = true;
+    make(cfg, 0, 0);
     w8(0x0101, 0x82, 0x0F);  // MS41908 mode: never reaches the chip
     EXPECT_EQ(r8(0x0101), 0x00);
     w8(0x0101, 0x82);
     EXPECT_EQ(r8(0x0101, 0x0F), 0x00) << "a probe in the wrong mode reads 0";
     EXPECT_EQ(r8(0x0101), 0x82);
     EXPECT_EQ(emu->frames_ignored(), 2u);
-}
-
-TEST_F(LcEmuTest, StuckBusyNeverClears) {
-    Lc898201Config cfg;
-    cfg.focus_busy_stuck = true;
-    make(cfg, 0, 0);
     t += 10000000;
     EXPECT_EQ(r8(0x014E), 1);
     EXPECT_EQ(r8(0x010E), 0);
 }
 
-TEST_F(LcEmuTest, HallReadingRisesWithOffsetAndBiasAndFollowsTheOpenLoopDrive) {
+TEST_F(Lc898201EmuTest, HallReadingRisesWithOffsetAndBiasAndFollowsTheOpenLoopDrive) {
     make({}, 0, 0);
     w8(0x0314, 0x80);
     w8(0x000C, 0);
@@ -174,12 +145,12 @@ TEST_F(LcEmuTest, HallReadingRisesWithOffsetAndBiasAndFollowsTheOpenLoopDrive) {
     EXPECT_LT(r32f(0x1230), -0.9f) << "driven closed";
 }
 
-TEST_F(LcEmuTest, ServoModeHoldsTheLatchedTargetAndDriveOffCloses) {
+TEST_F(Lc898201EmuTest, ServoModeHoldsTheLatchedTargetAndDriveOffCloses) {
     make({}, 0, 0);
-    w8(0x0314, 0x80);
-    w8(0x007C, 64);
-    w8(0x0079, 150);
-    w8(0x000C, 7);
+    const std::pair<uint16_t, uint8_t> servo[] = {
+        {0x0314, 0x80}, {0x007C, 64}, {0x0079, 150}, {0x000C, 7}};
+    for (const auto& r : servo)
+        w8(r.first, r.second);
     w32f(0x1027, -0.5f);
     t += 1000000;
     r8(0x0000);  // the mechanics run on the time of the frames
@@ -187,9 +158,8 @@ TEST_F(LcEmuTest, ServoModeHoldsTheLatchedTargetAndDriveOffCloses) {
     w8(0x000D, 1);
     t += 1000000;
     EXPECT_NEAR(r32f(0x1230), -0.5f, 1e-3f);
-    const double half = emu->iris_opening();
-    EXPECT_GT(half, 0.1);
-    EXPECT_LT(half, 0.5);
+    EXPECT_GT(emu->iris_opening(), 0.1);
+    EXPECT_LT(emu->iris_opening(), 0.5);
     w8(0x0314, 0x00);
     t += 1000000;
     r8(0x0000);
