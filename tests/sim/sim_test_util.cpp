@@ -13,6 +13,8 @@
 #include <sstream>
 #include <thread>
 
+#include "sim/isp_records.h"
+
 namespace simtest {
 
 vcam::Scenario scenario_from(const std::string& yaml) {
@@ -33,6 +35,18 @@ vcam::Scenario chart_scenario(double distance, double zoom, double texture) {
       << ", texture: " << texture << ", texture_variation: 0, luma_contrast: 0.3}\n"
       << "noise: {enabled: false}\n";
     return scenario_from(y.str());
+}
+
+double centre_v(const uint8_t* f) {
+    double v = 0;
+    for (int r = 6; r <= 9; ++r)
+        for (int c = 6; c <= 9; ++c) {
+            const size_t b = static_cast<size_t>(r * 15 + c);
+            v += (vcam::get_u32(f + 4 * (vcam::kFirVWord + b)) +
+                  vcam::get_u32(f + 4 * (vcam::kIir1Word + b))) /
+                 2.0;
+        }
+    return v / 16;
 }
 
 IspClient::IspClient(uint16_t port) {
@@ -94,6 +108,12 @@ std::vector<uint8_t> IspClient::request(uint8_t code, size_t reply_size) {
     if (!send_bytes({code}))
         return {};
     return recv_once(reply_size);
+}
+
+afdata::FrameStamp IspClient::next_frame() {
+    uint8_t f[vcam::kStatFrameSize];
+    const bool ok = send_bytes({1}) && recv(fd_, f, sizeof f, MSG_WAITALL) == sizeof f;
+    return ok ? afdata::frame_stamp_decode(f) : afdata::FrameStamp{};
 }
 
 std::string read_file(const std::string& path) {

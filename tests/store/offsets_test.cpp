@@ -3,6 +3,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <string>
 
@@ -21,8 +22,10 @@ class OffsetsTest : public ::testing::Test {
     void SetUp() override { lc_reset_for_testing(); }
     void TearDown() override {
         lc_reset_for_testing();
-        lens_set_focus_backlash(2);
-        lens_set_zoom_backlash(1);
+        capture_stdout([] {
+            lens_set_focus_backlash(2);
+            lens_set_zoom_backlash(1);
+        });
     }
     void put(const char* abs, const std::string& text) {
         const std::string path = root.host(abs);
@@ -42,88 +45,80 @@ TEST_F(OffsetsTest, VersionFileIsWrittenAndChecked) {
     ASSERT_EQ(version_write(), 0);
     EXPECT_EQ(get(kVersionFilePath), "AF: [20.4.27]");
     EXPECT_EQ(version_check(), 1);
-    put(kVersionFilePath, "AF: [20.4.027]");
-    EXPECT_EQ(version_check(), 1) << "numbers are read like atoi";
-    put(kVersionFilePath, "AF: [20.4.07]");
-    EXPECT_EQ(version_check(), 0) << "the third number is 27, not 7";
-    put(kVersionFilePath, "AF: [20.4.28]");
-    EXPECT_EQ(version_check(), 0);
-    put(kVersionFilePath, "garbage");
-    EXPECT_EQ(version_check(), 0);
-    put(kVersionFilePath, "AF: [20.4");
-    EXPECT_EQ(version_check(), 0);
+    const struct {
+        std::string text;
+        int expect;
+    } cases[] = {
+        {"AF: [20.4.027]", 1},  // numbers are read like atoi
+        {"AF: [20.4.07]", 0},   // the third number is 27, not 7
+        {"AF: [20.4.28]", 0},  {"AF: [20.4", 0}, {"garbage", 0},
+    };
+    for (const auto& c : cases) {
+        put(kVersionFilePath, c.text);
+        EXPECT_EQ(version_check(), c.expect) << c.text;
+    }
 }
 
 TEST_F(OffsetsTest, LoadAppliesInRangeValuesAndDefaultsTheRest) {
+    capture_stdout([] { lens_set_zoom_backlash(7); });
+    EXPECT_EQ(capture_stdout([] { offset_load(); }), "");
+    EXPECT_EQ(lens_get_zoom_backlash(), 7) << "a missing file changes nothing";
     put(kOffsetFilePath,
         "FOCUS_OFFSET = 40\nZOOM_OFFSET = 5\nIRIS_OFFSET = 241\nBIAS_OFFSET = 80\n"
         "ZOOM_GAIN = 150\nFOCUS_GAIN = 300\nCURVE_OFFSET = 1\nHALL_VERSION = 1\n");
-    const std::string out = capture_stdout([] { offset_load(); });
-    EXPECT_EQ(out, "focus offset 2\nzoom offset 5\n");
+    capture_stdout([] { offset_load(); });
     EXPECT_EQ(lens_get_focus_backlash(), 2) << "40 is not below 31";
     EXPECT_EQ(lens_get_zoom_backlash(), 5);
     const LcSettings lc = lc_get_settings();
     EXPECT_EQ(lc.iris_offset, 176) << "241 is outside 64..240";
     EXPECT_EQ(lc.bias_offset, 80);
     EXPECT_EQ(lc.zoom_gain, 150);
-    EXPECT_EQ(lc.focus_gain, 204);
+    EXPECT_EQ(lc.focus_gain, 204) << "300 does not fit a byte";
     EXPECT_EQ(offset_curve_form(), 1);
     EXPECT_EQ(offset_hall_version(), 1);
     EXPECT_EQ(offset_iris_drive(), 49139);
 }
 
-TEST_F(OffsetsTest, MissingFileLeavesEverySetting) {
-    lens_set_zoom_backlash(7);
-    LcSettings lc = lc_get_settings();
-    lc.iris_offset = 99;
-    lc_set_settings(lc);
-    const std::string out = capture_stdout([] { offset_load(); });
-    EXPECT_EQ(out, "");
-    EXPECT_EQ(lens_get_zoom_backlash(), 7);
-    EXPECT_EQ(lc_get_settings().iris_offset, 99);
-}
-
-TEST_F(OffsetsTest, SaveMovesTheKeyLineToTheEndAndDropsEmptyLines) {
-    put(kOffsetFilePath, "ZOOM_OFFSET = 1\nFOCUS_OFFSET = 2\n");
-    offset_save(kOffsetZoom, 3);
-    EXPECT_EQ(get(kOffsetFilePath), "FOCUS_OFFSET = 2\nZOOM_OFFSET = 3\n");
-
-    put(kOffsetFilePath, "A = 1\nIRIS_OFFSET = 9\n\n\nB = 2\n");
-    offset_save(kOffsetIris, 150);
-    EXPECT_EQ(get(kOffsetFilePath), "A = 1\nB = 2\nIRIS_OFFSET = 150\n");
-
-    offset_save(kOffsetHallVersion, 1);
-    offset_save(kOffsetIris, 151);
-    EXPECT_EQ(get(kOffsetFilePath), "A = 1\nB = 2\nHALL_VERSION = 1\nIRIS_OFFSET = 151\n");
-}
-
-TEST_F(OffsetsTest, SaveCreatesAMissingFileAndAppendsNewKeys) {
-    offset_save(kOffsetZoom2, 4);
-    EXPECT_EQ(get(kOffsetFilePath), "ZOOM2_OFFSET = 4\n");
-    put(kOffsetFilePath, "FOCUS_OFFSET = 2");  // last line without its newline
-    offset_save(kOffsetBias, 64);
-    EXPECT_EQ(get(kOffsetFilePath), "FOCUS_OFFSET = 2\nBIAS_OFFSET = 64\n");
-}
-
-TEST_F(OffsetsTest, UnknownIndexAndOverlongResultLeaveTheFile) {
-    put(kOffsetFilePath, "FOCUS_OFFSET = 2\n");
-    offset_save(5, 9);
-    EXPECT_EQ(get(kOffsetFilePath), "FOCUS_OFFSET = 2\n");
-
+// Saving a key moves its line to the end (so a key never appears twice) and drops empty lines;
+// a save that would outgrow what is read back, or of an unknown key, leaves the file.
+TEST_F(OffsetsTest, SaveRewritesTheKeyLine) {
     const std::string full = std::string(190, 'x') + "\n";
-    put(kOffsetFilePath, full);
-    capture_stdout([] { offset_save(kOffsetZoom, 3); });
-    EXPECT_EQ(get(kOffsetFilePath), full) << "the key would fall outside what is read back";
-}
-
-TEST_F(OffsetsTest, SaveByKeyMapsTheHallKeys) {
-    offset_save_by_key("IRIS_OFFSET =", 131);
-    offset_save_by_key("BIAS_OFFSET =", 64);
-    offset_save_by_key("HALL_VERSION =", 1);
-    offset_save_by_key("CURVE_OFFSET =", 1);  // never written by the daemon
-    EXPECT_EQ(get(kOffsetFilePath), "IRIS_OFFSET = 131\nBIAS_OFFSET = 64\nHALL_VERSION = 1\n");
+    const struct {
+        const char* before;  // nullptr: no file
+        std::function<void()> save;
+        std::string after;
+    } cases[] = {
+        {"ZOOM_OFFSET = 1\nFOCUS_OFFSET = 2\n", [] { offset_save(kOffsetZoom, 3); },
+         "FOCUS_OFFSET = 2\nZOOM_OFFSET = 3\n"},
+        {"A = 1\nIRIS_OFFSET = 9\n\n\nB = 2\n",
+         [] {
+             offset_save(kOffsetIris, 150);
+             offset_save(kOffsetHallVersion, 1);
+             offset_save(kOffsetIris, 151);
+         },
+         "A = 1\nB = 2\nHALL_VERSION = 1\nIRIS_OFFSET = 151\n"},
+        {nullptr, [] { offset_save(kOffsetZoom2, 4); }, "ZOOM2_OFFSET = 4\n"},
+        {"FOCUS_OFFSET = 2", [] { offset_save(kOffsetBias, 64); },
+         "FOCUS_OFFSET = 2\nBIAS_OFFSET = 64\n"},
+        {"FOCUS_OFFSET = 2\n", [] { offset_save(5, 9); }, "FOCUS_OFFSET = 2\n"},
+        {full.c_str(), [] { offset_save(kOffsetZoom, 3); }, full},
+        {nullptr,
+         [] {
+             offset_save_by_key("IRIS_OFFSET =", 131);
+             offset_save_by_key("BIAS_OFFSET =", 64);
+             offset_save_by_key("CURVE_OFFSET =", 1);  // never written by the daemon
+         },
+         "IRIS_OFFSET = 131\nBIAS_OFFSET = 64\n"},
+    };
+    for (const auto& c : cases) {
+        std::filesystem::remove(root.host(kOffsetFilePath));
+        if (c.before != nullptr)
+            put(kOffsetFilePath, c.before);
+        capture_stdout(c.save);
+        EXPECT_EQ(get(kOffsetFilePath), c.after) << (c.before != nullptr ? c.before : "(none)");
+    }
     capture_stdout([] { offset_load(); });
-    EXPECT_EQ(lc_get_settings().iris_offset, 131);
+    EXPECT_EQ(lc_get_settings().iris_offset, 131) << "a saved key loads back";
 }
 
 }  // namespace

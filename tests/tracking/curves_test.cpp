@@ -3,7 +3,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -15,25 +19,19 @@
 
 namespace {
 
-void write_curve(const testsupport::SandboxRoot& root, const std::vector<uint16_t>& v) {
-    std::string path = root.host("/data/curve.dat");
-    std::string dir = root.host("/data");
-    std::system(("mkdir -p " + dir).c_str());
-    FILE* f = std::fopen(path.c_str(), "wb");
-    ASSERT_NE(f, nullptr);
-    for (uint16_t x : v) {
-        unsigned char b[2] = {static_cast<unsigned char>(x & 0xFF),
-                              static_cast<unsigned char>(x >> 8)};
-        std::fwrite(b, 1, 2, f);
-    }
-    std::fclose(f);
-}
+using afdata::kDefaultCurveShape;
+using afdata::kFarCurveOffsets;
 
 std::vector<uint16_t> file_with(uint16_t marker, uint16_t r0) {
     std::vector<uint16_t> v(kCurvePoints, 0);
     v[0] = r0;
     v[kCurvePoints - 1] = marker;
     return v;
+}
+
+const afdata::DistanceRow& row_for(uint32_t key) {
+    return *std::find_if(std::begin(afdata::kDistanceTable), std::end(afdata::kDistanceTable),
+                         [&](const afdata::DistanceRow& r) { return r.key == key; });
 }
 
 class CurveTest : public ::testing::Test {
@@ -49,55 +47,67 @@ class CurveTest : public ::testing::Test {
     static std::string load() {
         return testsupport::capture_stdout([] { EXPECT_EQ(curve_load(), 1); });
     }
+    // Writes /data/curve.dat (u16 in the host's order, little-endian like the board's); an empty
+    // vector removes it.
+    void write_curve(const std::vector<uint16_t>& v) {
+        const std::string path = root_.host("/data/curve.dat");
+        std::filesystem::create_directories(root_.host("/data"));
+        std::filesystem::remove(path);
+        if (!v.empty())
+            std::ofstream(path, std::ios::binary)
+                .write(reinterpret_cast<const char*>(v.data()), std::streamsize(2 * v.size()));
+    }
     testsupport::SandboxRoot root_;
 };
 
-TEST_F(CurveTest, NoFileBuildsTheDefaultShapeAroundSixThousand) {
-    const std::string out = load();
-    EXPECT_NE(out.find("Curve File is not exist \n"), std::string::npos);
-    EXPECT_EQ(curve_get_point(0), 6000);
-    for (uint16_t s = 1; s < kCurvePoints; ++s) {
-        const uint16_t shape = afdata::kDefaultCurveShape[s];
-        EXPECT_EQ(curve_get_point(s), shape >= 19 ? shape - 19 : 0) << s;
+// The reference-point form (and a missing file, taken as reference 6000) gives the factory shape
+// shifted by the reference point; the full form is kept as read; half-step units are doubled.
+TEST_F(CurveTest, LoadBuildsTheBaseCurveFromEachFileForm) {
+    std::vector<uint16_t> full = file_with(0xAA44, 5000);
+    for (int s = 1; s < kCurvePoints - 1; ++s)
+        full[s] = static_cast<uint16_t>(5000 - 20 * s);
+    std::vector<uint16_t> half = full;
+    for (int s = 0; s < kCurvePoints - 1; ++s)
+        half[s] = static_cast<uint16_t>(half[s] / 2);
+    std::vector<uint16_t> short_file = full;
+    short_file.resize(100);
+    auto shape_from = [](int r0) {
+        return [r0](int s) {
+            const int v = s == 0 ? r0 : kDefaultCurveShape[s] + r0 - kCurveReferenceFocus;
+            return std::clamp(v, 0, int(lens_get_focus_max()));
+        };
+    };
+    auto as_full = [&](int s) { return full[s]; };  // the marker stays as it is
+    const struct {
+        const char* what;
+        std::vector<uint16_t> file;
+        std::function<int(int)> expect;
+        bool missing;
+    } cases[] = {
+        {"no file", {}, shape_from(6000), true},
+        {"short file", short_file, shape_from(6000), true},
+        {"factory reference", file_with(0xAA55, kCurveReferenceFocus),
+         shape_from(kCurveReferenceFocus), false},
+        {"half-step reference", file_with(0xAA55, 3000), shape_from(6000), false},
+        {"full", full, as_full, false},
+        {"half-step full", half, as_full, false},
+    };
+    for (const auto& c : cases) {
+        write_curve(c.file);
+        const std::string out = load();
+        EXPECT_EQ(out.find("Curve File is not exist") != std::string::npos, c.missing) << c.what;
+        for (int s = 0; s < kCurvePoints; ++s) {
+            ASSERT_EQ(curve_get_point(static_cast<uint16_t>(s)), c.expect(s))
+                << c.what << ", step " << s;
+        }
     }
-    EXPECT_EQ(curve_get_anchor_zoom(), 0);
-    EXPECT_EQ(curve_get_anchor_focus(), 6000);
-}
-
-TEST_F(CurveTest, LoadLogsEveryPointSixteenToALine) {
-    const std::string out = load();
-    const size_t start = out.find("6000,");
-    ASSERT_NE(start, std::string::npos) << out;
-    const std::string body = out.substr(start - 0);
-    EXPECT_EQ(body.substr(0, 10), "6000,5988,");
-    int lines = 0;
-    for (char c : body)
-        lines += c == '\n';
-    EXPECT_EQ(lines, 14) << "13 full lines of 16, one of 1, and the final break";
-}
-
-TEST_F(CurveTest, ReferencePointAtFactoryValueGivesTheFactoryShape) {
-    write_curve(root_, file_with(0xAA55, kCurveReferenceFocus));
-    load();
-    for (uint16_t s = 0; s < kCurvePoints; ++s) {
-        const uint16_t shape = afdata::kDefaultCurveShape[s];
-        EXPECT_EQ(curve_get_point(s), shape > lens_get_focus_max() ? lens_get_focus_max() : shape)
-            << s;
-    }
-}
-
-TEST_F(CurveTest, HalfStepReferencePointIsDoubled) {
-    write_curve(root_, file_with(0xAA55, 3000));
-    load();
-    EXPECT_EQ(curve_get_point(0), 6000);
-    EXPECT_EQ(curve_get_point(50), afdata::kDefaultCurveShape[50] - 19);
 }
 
 TEST_F(CurveTest, ReferencePointCarriesPackedHallValues) {
     std::vector<uint16_t> v = file_with(0xAA55, kCurveReferenceFocus);
     v[1] = static_cast<uint16_t>((40 << 8) | (255 - 40));  // valid: 40 + 215 = 255
     v[2] = static_cast<uint16_t>((60 << 8) | 10);          // invalid packing: ignored
-    write_curve(root_, v);
+    write_curve(v);
     LcSettings before = lc_get_settings();
     before.bias_offset = 33;
     before.iris_offset = 176;
@@ -107,39 +117,12 @@ TEST_F(CurveTest, ReferencePointCarriesPackedHallValues) {
     EXPECT_EQ(lc_get_settings().bias_offset, 33) << "an invalid packing leaves the bias alone";
 }
 
-TEST_F(CurveTest, FullFormIsKeptAsReadAndHalfStepUnitsDoubled) {
-    std::vector<uint16_t> v = file_with(0xAA44, 5000);
-    for (int s = 1; s < kCurvePoints - 1; ++s)
-        v[s] = static_cast<uint16_t>(5000 - 20 * s);
-    write_curve(root_, v);
-    load();
-    EXPECT_EQ(curve_get_point(0), 5000);
-    EXPECT_EQ(curve_get_point(100), 3000);
-
-    for (int s = 0; s < kCurvePoints - 1; ++s)
-        v[s] = static_cast<uint16_t>(v[s] / 2);
-    write_curve(root_, v);
-    load();
-    EXPECT_EQ(curve_get_point(0), 5000);
-    EXPECT_EQ(curve_get_point(100), 3000);
-    EXPECT_EQ(curve_get_point(kCurvePoints - 1), 0xAA44) << "the marker is not doubled";
-}
-
-TEST_F(CurveTest, ShortFileCountsAsMissing) {
-    std::vector<uint16_t> v = file_with(0xAA44, 5000);
-    v.resize(100);
-    write_curve(root_, v);
-    const std::string out = load();
-    EXPECT_NE(out.find("Curve File is not exist"), std::string::npos);
-    EXPECT_EQ(curve_get_point(0), 6000);
-}
-
 TEST_F(CurveTest, BaseCurveInterpolationTruncatesAsTheBoardDoes) {
     load();
     curve_set_point(1, 6007);
     curve_set_point(2, 5995);
-    EXPECT_EQ(curve_focus_at(0, 33), 6007) << "6007 - 12/32";
     EXPECT_EQ(curve_focus_at(0, 32), 6007);
+    EXPECT_EQ(curve_focus_at(0, 33), 6007) << "6007 - 12/32";
     EXPECT_EQ(curve_focus_at(0, 63), 6007 - (31 * 12) / 32);
     curve_set_point(1, 100);
     curve_set_point(2, 164);
@@ -148,49 +131,40 @@ TEST_F(CurveTest, BaseCurveInterpolationTruncatesAsTheBoardDoes) {
 
 TEST_F(CurveTest, FarCurvesAddTheirOffsetRow) {
     load();
-    const auto& O = afdata::kFarCurveOffsets;
     for (uint8_t c : {1, 10, 25, 51}) {
         for (uint16_t s : {0, 50, 100, 150, 200}) {
             EXPECT_EQ(curve_focus_at(c, static_cast<uint16_t>(32 * s)),
-                      curve_get_point(s) + O[c - 1][s])
+                      curve_get_point(s) + kFarCurveOffsets[c - 1][s])
                 << "curve " << int(c) << " step " << s;
         }
     }
-    // Between samples the offset is carried from the lower sample and the slope from both.
-    const uint16_t s = 120;
-    const int32_t a = curve_get_point(s) + O[50][s];
-    const int32_t b = curve_get_point(s + 1) + O[50][s + 1];
-    const int32_t t = (16 * (a > b ? a - b : b - a)) / 32;
-    const int32_t expect =
-        b <= a ? curve_get_point(s) - t + O[50][s] : curve_get_point(s) + t + O[50][s];
-    EXPECT_EQ(curve_focus_at(51, static_cast<uint16_t>(32 * s + 16)), expect);
-    EXPECT_GE(curve_focus_at(51, 3000), curve_focus_at(1, 3000)) << "far curves lie farther out";
-}
-
-TEST_F(CurveTest, FarCurveSlopeIsLimitedByTheFocusMaximum) {
-    load();
+    EXPECT_GT(curve_focus_at(51, 3000), curve_focus_at(1, 3000)) << "far curves lie farther out";
+    // On a flat stretch of the base curve, half way between samples is half the offset's rise.
+    const uint16_t* o = kFarCurveOffsets[50];
+    curve_set_point(120, 3000);
+    curve_set_point(121, 3000);
+    EXPECT_EQ(curve_focus_at(51, 32 * 120 + 16), 3000 + o[120] + (o[121] - o[120]) / 2);
     // Both samples beyond the focus maximum: no slope at all between them.
     curve_set_point(10, 6200);
     curve_set_point(11, 6300);
-    const uint16_t o = afdata::kFarCurveOffsets[0][10];
-    EXPECT_EQ(curve_focus_at(1, 10 * 32 + 16), 6200 + o);
+    EXPECT_EQ(curve_focus_at(1, 10 * 32 + 16), 6200 + kFarCurveOffsets[0][10]);
 }
 
-TEST_F(CurveTest, SearchBoundsSpanNearestDistanceToFarthestCurve) {
+// The autofocus search runs from where the nearest distance focuses to a margin beyond the
+// farthest curve, never past the focus maximum.
+TEST_F(CurveTest, SearchBoundsSpanNearestDistanceToBeyondTheFarthestCurve) {
     load();
     const uint16_t fmax = lens_get_focus_max();
     for (uint16_t s = 0; s < kCurvePoints; s += 13) {
         EXPECT_EQ(curve_get_lower_bound(s), expected_focus_at(20, static_cast<uint16_t>(32 * s)));
-        const uint32_t o50 = afdata::kFarCurveOffsets[50][s];
-        const uint32_t m = o50 < 100 ? 100 : (o50 > 300 ? 300 : o50);
-        const uint32_t up = curve_get_point(s) + o50 + m / 2;
-        EXPECT_EQ(curve_get_upper_bound(s), up >= fmax ? fmax : up) << s;
+        const int far = curve_focus_at(51, static_cast<uint16_t>(32 * s));
+        EXPECT_GE(curve_get_upper_bound(s), std::min<int>(far + 50, fmax)) << s;
+        EXPECT_LE(curve_get_upper_bound(s), std::min<int>(far + 150, fmax)) << s;
         EXPECT_LT(curve_get_lower_bound(s), curve_get_upper_bound(s)) << s;
     }
-    EXPECT_EQ(curve_get_upper_bound(0), curve_get_point(0) + afdata::kFarCurveOffsets[50][0] + 50);
     curve_set_point(0, 6100);
     curve_rebuild_bounds();
-    EXPECT_EQ(curve_get_upper_bound(0), fmax) << "6100 + 13 + 50 passes the focus maximum";
+    EXPECT_EQ(curve_get_upper_bound(0), fmax);
 }
 
 TEST_F(CurveTest, AnchorFollowsTheLensOnlyNearTheWideEnd) {
@@ -209,71 +183,56 @@ TEST_F(CurveTest, AnchorFollowsTheLensOnlyNearTheWideEnd) {
 
 // ---- Distance table ----
 
-TEST_F(CurveTest, ReferenceDistanceHasNoOffset) {
+// A distance on a table row (the reference distance 1000 included) reads that row exactly, at
+// the current zoom and at a given one; nearer than the table reads the nearest row.
+TEST_F(CurveTest, DistancesOnTableRowsReadTheirRow) {
     load();
-    for (uint16_t z = 0; z <= 6624; z += 97) {
-        lens_set_positions(z, 0);
-        EXPECT_EQ(focus_offset(1000), 0) << z;
-        EXPECT_EQ(focus_offset_at(1000, z), 0) << z;
+    for (int r = 1; r < afdata::kDistanceRows; ++r) {
+        const afdata::DistanceRow& row = afdata::kDistanceTable[r];
+        for (uint16_t s : {0, 100, 208}) {
+            const auto z = static_cast<uint16_t>(32 * s);
+            lens_set_positions(z, 0);
+            EXPECT_EQ(focus_offset_at(static_cast<uint16_t>(row.key), z), row.offset[s])
+                << row.key << " at step " << s;
+            EXPECT_EQ(focus_offset(static_cast<uint16_t>(row.key)), row.offset[s])
+                << row.key << " at step " << s;
+        }
     }
-    set_calibration_offset(-7);
-    lens_set_positions(3200, 0);
-    EXPECT_EQ(expected_focus(1000), curve_get_point(100) - 7);
-}
-
-TEST_F(CurveTest, DistanceOffsetsMatchTheLensData) {
-    load();
-    struct Case {
-        uint16_t d;
-        uint16_t s;
-        int16_t off;
-    };
-    // Keys below 65536 that lie on table rows.
-    const Case cases[] = {{3000, 0, 9},    {3000, 100, 41},   {3000, 208, 814}, {500, 0, -12},
-                          {500, 100, -56}, {500, 208, -1095}, {100, 100, -351}, {30, 208, -2920}};
-    for (const Case& c : cases) {
-        EXPECT_EQ(focus_offset_at(c.d, static_cast<uint16_t>(32 * c.s)), c.off)
-            << c.d << " at step " << c.s;
-        lens_set_positions(static_cast<uint16_t>(32 * c.s), 0);
-        EXPECT_EQ(focus_offset(c.d), c.off) << c.d << " at step " << c.s;
-    }
+    const afdata::DistanceRow& nearest = afdata::kDistanceTable[afdata::kDistanceRows - 1];
+    EXPECT_EQ(focus_offset_at(20, 0), nearest.offset[0]);
+    EXPECT_EQ(focus_offset_at(0, 208 * 32), nearest.offset[208]);
+    // Half way between zoom samples the current-zoom offset is half way between the entries.
+    lens_set_positions(200 * 32 + 16, 0);
+    EXPECT_EQ(focus_offset(30),
+              nearest.offset[200] + (nearest.offset[201] - nearest.offset[200]) / 2);
 }
 
 TEST_F(CurveTest, FarthestDistanceInterpolatesBetweenTheTwoFarRows) {
     load();
-    const int32_t a = afdata::kDistanceTable[0].offset[100];  // 100000
-    const int32_t b = afdata::kDistanceTable[1].offset[100];  // 50000
-    ASSERT_EQ(afdata::kDistanceTable[1].key, 50000u);
+    const int32_t a = row_for(100000).offset[100];
+    const int32_t b = row_for(50000).offset[100];
     lens_set_positions(3200, 0);
     EXPECT_EQ(focus_offset(65535), b + (a - b) * (65535 - 50000) / 50000);
     EXPECT_EQ(focus_offset_at(65535, 3200), a - (a - b) * (100000 - 65535) / 50000);
 }
 
-TEST_F(CurveTest, NearerThanTheTableTakesTheNearestRow) {
-    load();
-    EXPECT_EQ(focus_offset_at(20, 0), -220);
-    EXPECT_EQ(focus_offset_at(0, 208 * 32), -2920);
-    lens_set_positions(100 * 32, 0);
-    EXPECT_EQ(focus_offset(20), -644);
-}
-
-TEST_F(CurveTest, ExpectedFocusNeverGoesNegative) {
-    load();
-    for (uint16_t s = 0; s < kCurvePoints; ++s)
-        curve_set_point(s, 100);
-    EXPECT_EQ(expected_focus_at(20, 6000), 0);
-    lens_set_positions(6000, 0);
-    EXPECT_EQ(expected_focus(20), 0);
-    set_calibration_offset(15);
-    EXPECT_EQ(expected_focus_at(1000, 6000), 115);
-}
-
-TEST_F(CurveTest, ExpectedFocusInterpolatesTheBaseCurveAlongZoom) {
+TEST_F(CurveTest, ExpectedFocusIsBasePlusOffsetPlusCalibrationNeverBelowZero) {
     load();
     curve_set_point(10, 5000);
     curve_set_point(11, 4900);
     lens_set_positions(10 * 32 + 8, 0);
-    EXPECT_EQ(expected_focus(1000), 5000 - 100 * 8 / 32);
+    EXPECT_EQ(expected_focus(1000), 5000 - 100 * 8 / 32) << "base curve interpolated along zoom";
+    set_calibration_offset(-7);
+    EXPECT_EQ(expected_focus(1000), 5000 - 25 - 7);
+    EXPECT_EQ(expected_focus_at(3000, 320), 5000 + row_for(3000).offset[10] - 7);
+
+    for (uint16_t s = 0; s < kCurvePoints; ++s)
+        curve_set_point(s, 100);
+    set_calibration_offset(15);
+    EXPECT_EQ(expected_focus_at(20, 6000), 0);
+    lens_set_positions(6000, 0);
+    EXPECT_EQ(expected_focus(20), 0);
+    EXPECT_EQ(expected_focus_at(1000, 6000), 115);
 }
 
 }  // namespace

@@ -27,18 +27,13 @@ void count_move(uint8_t, uint8_t, uint8_t, uint8_t) {
     ++g_moveCalls;
 }
 
-// A statistics frame whose every block reads the given sharpness (fir_v = iir1 = s).
+// A statistics frame whose every block reads the given sharpness in all four filter sums.
 std::vector<uint8_t> uniform_frame(uint32_t s) {
     std::vector<uint8_t> f(5504, 0);
-    auto put = [&](size_t word, uint32_t v) { std::memcpy(f.data() + 4 * word, &v, 4); };
-    for (size_t b = 0; b < 225; ++b) {
-        put(3 + b, 2000);  // luma
-        put(228 + b, s);   // fir_v
-        put(453 + b, s);   // fir_h
-        put(678 + b, s);   // iir1
-        put(903 + b, s);   // iir2
-        put(1128 + b, 0);  // highlight
-    }
+    const uint32_t arrays[] = {2000, s, s, s, s};  // luma, fir_v, fir_h, iir1, iir2; no highlight
+    for (size_t a = 0; a < 5; ++a)
+        for (size_t b = 0; b < 225; ++b)
+            std::memcpy(f.data() + 4 * (3 + 225 * a + b), &arrays[a], 4);
     return f;
 }
 
@@ -73,10 +68,13 @@ class MotionTest : public ::testing::Test {
         af_stat_fetch_from(f.data(), 2);
     }
 
-    static MotionCommand cmd(uint8_t mode) {
+    static MotionCommand cmd(uint8_t mode, uint16_t zoom_target = 0, uint16_t focus_target = 0,
+                             uint8_t zoom_speed = 3) {
         MotionCommand c{};
         c.mode = mode;
-        c.zoom_speed = 3;
+        c.zoom_target = zoom_target;
+        c.focus_target = focus_target;
+        c.zoom_speed = zoom_speed;
         c.focus_speed = 7;
         return c;
     }
@@ -95,42 +93,57 @@ class MotionTest : public ::testing::Test {
     testsupport::SandboxRoot root_;
 };
 
-TEST_F(MotionTest, ContinuousZoomOutReachesTheWideEndAndStops) {
-    lens_set_positions(6378, curve_focus_at(20, 6378));
-    MotionCommand c = cmd(0);
-    c.zoom_dir = 0;
-    c.zoom_speed = 7;
-    const int frames = run(c);
-    ASSERT_GT(frames, 0);
-    EXPECT_EQ(lens_get_zoom_pos(), 0);
-    EXPECT_NEAR(lens_get_focus_pos(), curve_focus_at(20, 0), 3) << "the focus followed its curve";
-}
-
-TEST_F(MotionTest, TrackedZoomKeepsTheFocusOnTheStartCurveWithAutofocusOff) {
-    lens_set_positions(3000, curve_focus_at(30, 3000));
-    MotionCommand c = cmd(1);
-    c.zoom_target = 6000;
-    ASSERT_GT(run(c), 0);
-    EXPECT_EQ(lens_get_zoom_pos(), 6000);
-    EXPECT_EQ(zoom_track_move_curve(), zoom_track_start_curve());
-    EXPECT_NEAR(lens_get_focus_pos(), curve_focus_at(zoom_track_start_curve(), 6000), 2);
-    EXPECT_NEAR(zoom_track_start_curve(), 30, 1) << "the curve through the start focus";
-}
-
-TEST_F(MotionTest, EachZoomPicksTheCurveThroughTheFocusOfItsOwnStart) {
-    lens_set_positions(3000, curve_focus_at(30, 3000));
-    MotionCommand c = cmd(1);
-    c.zoom_target = 4000;
-    ASSERT_GT(run(c), 0);
-    EXPECT_NEAR(zoom_track_start_curve(), 30, 1);
-    EXPECT_EQ(zoom_track_is_active(), 0) << "a finished motion forgets its set-up";
-    // Autofocus (or a manual focus) moved the focus to an object on curve 10 meanwhile.
-    lens_set_positions(4000, curve_focus_at(10, 4000));
-    c.zoom_target = 5000;
+// Motions that run to their end: where zoom and focus stand when the motion reports done.
+TEST_F(MotionTest, MotionsEndWhereTheyShould) {
+    const uint16_t fmax = lens_get_focus_max();
+    MotionCommand zoom_out = cmd(0, 0, 0, 7);
+    MotionCommand focus_in = cmd(4);
+    focus_in.focus_dir = 1;
+    const struct {
+        const char* what;
+        uint16_t z0, f0;
+        MotionCommand c;
+        uint16_t z, f;
+        int focus_tolerance;
+    } cases[] = {
+        // The focus follows the start's curve down to the wide end.
+        {"zoom out", 6378, curve_focus_at(20, 6378), zoom_out, 0, curve_focus_at(20, 0), 3},
+        {"focus in", 3000, 3000, focus_in, 3000, fmax, 0},
+        {"focus target past the end", 3000, 6000, cmd(5, 0, uint16_t(fmax + 100)), 3000, fmax, 0},
+        {"zoom, then focus", 4000, 3000, cmd(7, 4300, 3200, 7), 4300, 3200, 0},
+        {"blind zoom: the focus stays", 1000, 3000, cmd(3, 1500), 1500, 3000, 0},
+    };
+    for (const auto& c : cases) {
+        lens_set_positions(c.z0, c.f0);
+        command_set_zoom_motion_active(1);
+        EXPECT_GT(run(c.c), 0) << c.what;
+        EXPECT_EQ(lens_get_zoom_pos(), c.z) << c.what;
+        EXPECT_NEAR(lens_get_focus_pos(), c.f, c.focus_tolerance) << c.what;
+        EXPECT_EQ(zoom_track_is_active(), 0) << c.what << ": a finished motion forgets its set-up";
+    }
+    lens_set_positions(3000, fmax);
     command_set_zoom_motion_active(1);
-    ASSERT_GT(run(c), 0);
-    EXPECT_NEAR(zoom_track_start_curve(), 10, 1);
-    EXPECT_NEAR(lens_get_focus_pos(), curve_focus_at(10, 5000), 3);
+    EXPECT_EQ(run(cmd(5, 0, 5950)), (fmax - 5950 + 15) / 16 + 1) << "16 steps a frame at speed 7";
+}
+
+// Each zoom picks the curve through (or nearest to) the focus of its own start and, with
+// autofocus off, keeps the focus on it to the end.
+TEST_F(MotionTest, EachZoomTracksTheCurveThroughTheFocusOfItsOwnStart) {
+    const struct {
+        uint16_t from, to;
+        uint8_t curve;
+        int16_t off;  // start focus off the curve; the tele curves lie far apart
+    } zooms[] = {{3000, 6000, 30, 0}, {4000, 5000, 10, 0}, {6000, 4500, 30, 5}};
+    for (const auto& z : zooms) {
+        // Autofocus (or a manual focus) put the focus on the object's curve before the zoom.
+        lens_set_positions(z.from, static_cast<uint16_t>(curve_focus_at(z.curve, z.from) + z.off));
+        command_set_zoom_motion_active(1);
+        ASSERT_GT(run(cmd(1, z.to)), 0);
+        EXPECT_EQ(lens_get_zoom_pos(), z.to);
+        EXPECT_NEAR(zoom_track_start_curve(), z.curve, 1) << "from " << z.from;
+        EXPECT_EQ(zoom_track_move_curve(), zoom_track_start_curve());
+        EXPECT_NEAR(lens_get_focus_pos(), curve_focus_at(z.curve, z.to), 3) << "from " << z.from;
+    }
 }
 
 TEST_F(MotionTest, WideZoomAlwaysTracksTheMidCurve) {
@@ -141,25 +154,19 @@ TEST_F(MotionTest, WideZoomAlwaysTracksTheMidCurve) {
     EXPECT_EQ(zoom_track_start_curve(), 13);
 }
 
-TEST_F(MotionTest, ZoomTrackEndsAndReversals) {
+TEST_F(MotionTest, ZoomTrackEndsReversalsAndSpeeds) {
     lens_set_positions(0, 3000);
     EXPECT_EQ(zoom_track_step(0, 4, 0), 0) << "at the minimum going out";
     EXPECT_EQ(g_moveCalls, 0);
-    lens_set_positions(3000, 3000);
-    EXPECT_EQ(zoom_track_step(1, 4, 0), 0) << "a reversal costs one frame";
-    EXPECT_EQ(zoom_track_step(1, 4, 0), 1);
     lens_set_positions(lens_get_zoom_max(), 3000);
     EXPECT_EQ(zoom_track_step(1, 4, 0), 0) << "going in at the maximum does not move";
     EXPECT_EQ(zoom_track_step(0, 4, 0), 1) << "a reversal at the maximum proceeds at once";
     EXPECT_LT(lens_get_zoom_pos(), lens_get_zoom_max());
-}
-
-TEST_F(MotionTest, SpeedAboveEightGivesSixtySteps) {
     // At the wide end the curves are nearly flat, so the focus never limits the step.
     lens_set_positions(100, curve_focus_at(13, 100));
-    EXPECT_EQ(zoom_track_step(1, 9, 0), 0) << "the first call going in turns the direction";
+    EXPECT_EQ(zoom_track_step(1, 9, 0), 0) << "elsewhere a reversal costs one frame";
     EXPECT_EQ(zoom_track_step(1, 9, 0), 1);
-    EXPECT_EQ(lens_get_zoom_pos(), 160);
+    EXPECT_EQ(lens_get_zoom_pos(), 160) << "a speed above 8 moves 60 steps";
 }
 
 TEST_F(MotionTest, ProbingConvergesOnTheObjectsCurve) {
@@ -226,76 +233,29 @@ TEST_F(MotionTest, ZoomTargetClampingSplitsOpticalAndElectronic) {
     EXPECT_EQ(lens_get_zoom_pos(), 5000);
 }
 
-TEST_F(MotionTest, FocusToTargetBeyondTheEndStopsAtTheEnd) {
-    lens_set_positions(3000, 6000);
-    MotionCommand c = cmd(5);
-    c.focus_target = lens_get_focus_max() + 100;
-    ASSERT_GT(run(c), 0);
-    EXPECT_EQ(lens_get_focus_pos(), lens_get_focus_max());
-    c.focus_target = 5950;
-    command_set_zoom_motion_active(1);
-    const int frames = run(c);
-    EXPECT_EQ(lens_get_focus_pos(), 5950);
-    EXPECT_EQ(frames, (6120 - 5950 + 15) / 16 + 1) << "16 steps a frame at speed 7";
+// Blind zooms and focus motions belong to manual operation: with autofocus on they end at once
+// without moving the lens.
+TEST_F(MotionTest, ManualMotionsEndAtOnceWhileAutofocusIsOn) {
+    command_set_autofocus_mode(1);
+    for (uint8_t mode : {2, 3, 4, 5, 6}) {
+        lens_set_positions(3000, 3000);
+        command_set_zoom_motion_active(1);
+        MotionCommand c = cmd(mode, 3500, 3500);
+        c.zoom_dir = c.focus_dir = 1;
+        EXPECT_EQ(run(c), 1) << "mode " << int(mode);
+    }
+    EXPECT_EQ(g_moveCalls, 0);
 }
 
-TEST_F(MotionTest, FocusMotionsNeedAutofocusOff) {
+TEST_F(MotionTest, FocusStopRequestEndsAFocusMoveAndIsConsumed) {
     lens_set_positions(3000, 3000);
-    command_set_autofocus_mode(1);
-    MotionCommand c = cmd(4);
-    c.focus_dir = 1;
-    EXPECT_EQ(run(c), 1);
-    EXPECT_EQ(g_moveCalls, 0) << "stops at once without moving";
-    command_set_autofocus_mode(0);
-    command_set_zoom_motion_active(1);
-    motion_execute(c);
-    EXPECT_EQ(lens_get_focus_pos(), 3016);
-    // The focus-stop request ends a focus-to-target move and is consumed.
-    MotionCommand t = cmd(5);
-    t.focus_target = 4000;
-    command_set_zoom_motion_active(1);
     testsupport::capture_stdout([] {
         const uint8_t stop[20] = {'w', 0, 13};
-        sockaddr_in from{};
-        command_process_datagram(stop, sizeof stop, from);
+        command_process_datagram(stop, sizeof stop, sockaddr_in{});
     });
-    EXPECT_EQ(run(t), 1);
+    EXPECT_EQ(run(cmd(5, 0, 4000)), 1);
     EXPECT_EQ(command_focus_stop_request(), 0);
-    EXPECT_EQ(lens_get_focus_pos(), 3016);
-}
-
-TEST_F(MotionTest, ZoomThenFocusMovesFocusOnlyOnceTheZoomArrived) {
-    lens_set_positions(4000, 3000);
-    MotionCommand c = cmd(7);
-    c.zoom_target = 4300;
-    c.focus_target = 3200;
-    c.zoom_speed = 7;
-    std::vector<std::pair<uint16_t, uint16_t>> path;
-    for (int i = 0; i < 400 && command_zoom_motion_active() == 1; ++i) {
-        const uint16_t z = lens_get_zoom_pos();
-        const uint16_t f = lens_get_focus_pos();
-        motion_execute(c);
-        if (z != 4300)
-            path.emplace_back(z, f);
-    }
-    EXPECT_EQ(command_zoom_motion_active(), 0);
-    EXPECT_EQ(lens_get_zoom_pos(), 4300);
-    EXPECT_EQ(lens_get_focus_pos(), 3200);
-    EXPECT_EQ(zoom_track_is_active(), 0);
-}
-
-TEST_F(MotionTest, BlindZoomWithoutAutofocusOnly) {
-    lens_set_positions(1000, 3000);
-    MotionCommand c = cmd(3);
-    c.zoom_target = 1500;
-    command_set_autofocus_mode(2);
-    EXPECT_EQ(run(c), 1);
-    EXPECT_EQ(lens_get_zoom_pos(), 1000);
-    command_set_autofocus_mode(0);
-    command_set_zoom_motion_active(1);
-    ASSERT_GT(run(c), 0);
-    EXPECT_EQ(lens_get_zoom_pos(), 1500);
-    EXPECT_EQ(lens_get_focus_pos(), 3000) << "the focus does not follow a blind zoom";
+    EXPECT_EQ(g_moveCalls, 0);
 }
 
 }  // namespace
