@@ -2,6 +2,7 @@
 // the auto exposure and its mapping onto the exposure record, and the filter profile.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <cstring>
@@ -168,6 +169,29 @@ vcam::Scenario lit(double illumination, const std::string& mapping, const std::s
       << "exposure: {mapping: " << mapping << "}\n"
       << more;
     return simtest::scenario_from(y.str());
+}
+
+TEST(LensMechanics, MotorsRunOnToEachFrameWithoutBusTraffic) {
+    // A move started just before the daemon falls quiet must still finish: the camera brings the
+    // mechanism up to each frame's capture time. The driver here is a motor at 1 step per ms
+    // towards 3000 from where the scenario puts the lens.
+    vcam::Scenario sc = simtest::chart_scenario(3000, 3200);
+    sc.lens.focus = 2900;
+    vcam::LensMechanics mech;
+    vcam::Camera cam(sc, &mech);
+    const double start = mech.snapshot().focus;
+    mech.set_driver([&mech, start](uint64_t t_us) {
+        vcam::LensTruth t = mech.snapshot();
+        t.focus = std::min(3000.0, start + static_cast<double>(t_us) / 1000.0);
+        t.time_us = t_us;
+        mech.set(t);
+    });
+    uint8_t f[kStatFrameSize];
+    vcam::FrameTruth truth;
+    cam.frame(2, cam.grid_time_us(2), f, &truth);
+    EXPECT_NEAR(truth.lens.focus, start + cam.grid_time_us(2) / 1000.0, 1e-6);
+    cam.frame(5, cam.grid_time_us(5), f, &truth);
+    EXPECT_DOUBLE_EQ(truth.lens.focus, 3000.0) << "the move completed by frame 5's capture";
 }
 
 TEST(AutoExposure, GainClassMappingPutsDayAndNightOnEitherSideOfTheProfileSwitch) {
