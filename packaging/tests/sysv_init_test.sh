@@ -42,9 +42,12 @@ wait_for() { # up to 5 s for the command to succeed
     return 1
 }
 new_pid() { p=$(daemon_pid) && [ -n "$p" ] && [ "$p" != "$1" ] && alive "$p"; }
+# The pid file can be there before the stand-in has written its line: wait for the line.
+runs_at_least() { [ "$(wc -l <"$work/runs" 2>/dev/null || echo 0)" -ge "$1" ]; }
 gone() { ! alive "$1"; }
 
 check "start succeeds" init start
+wait_for runs_at_least 1
 pid1=$(daemon_pid)
 check "daemon runs after start" alive "$pid1"
 check "daemon got the arguments of the settings file" grep -qx "$pid1 isp1 spi 3" "$work/runs"
@@ -56,6 +59,7 @@ check "second start does not run another daemon" [ "$(wc -l <"$work/runs")" -eq 
 
 kill -KILL "$pid1"
 check "a crashed daemon is started again" wait_for new_pid "$pid1"
+wait_for runs_at_least 2
 pid2=$(daemon_pid)
 
 sup=$(cat "$work/run/afd.supervisor.pid")
@@ -68,6 +72,7 @@ check "status after stop is 3 (not running)" [ $? -eq 3 ]
 
 sed -i 's/AFD_RESPAWN=1/AFD_RESPAWN=0/' "$work/default"
 init start >/dev/null
+wait_for runs_at_least 3
 pid3=$(daemon_pid)
 kill -KILL "$pid3"
 check "without respawn a crashed daemon stays down" wait_for gone "$pid3"

@@ -150,9 +150,9 @@ TEST_F(SpiLinkTest, MissingDeviceReadsZeroAndEveryTransferTriesTheOpenAgain) {
 }
 
 TEST_F(SpiLinkTest, FailedTransfersPrintAndReadZeroOrWriteOne) {
-    board.on_transfer = [](const Call&, uint8_t* rx) {
+    board.on_transfer = [](const Call& c, uint8_t* rx) {
         if (rx != nullptr)
-            std::memset(rx, 0x7F, 6);
+            std::memset(rx, 0x7F, c.record.len);
     };
     board.transfer_fails = true;
     const std::string out = capture_stdout([] {
