@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -74,25 +75,34 @@ TEST_F(DbgLogTest, UnopenableLogStillReachesStdout) {
     EXPECT_EQ(capture_stdout([] { traceout("still here\n"); }), "still here\n");
 }
 
-TEST_F(DbgLogTest, ConcurrentWritersNeverInterleaveWithinALine) {
-    // Each thread writes lines of its own letter: a line of mixed letters was interleaved.
-    capture_stdout([] {
-        std::vector<std::thread> threads;
-        for (char ch = 'a'; ch < 'e'; ++ch) {
-            threads.emplace_back([ch] {
-                const std::string text(60, ch);
-                for (int i = 0; i < 200; ++i)
-                    traceout("%s\n", text.c_str());
-            });
-        }
-        for (auto& th : threads)
-            th.join();
-    });
-    std::istringstream in(read_file(log()));
-    int count = 0;
-    for (std::string line; std::getline(in, line); ++count)
-        ASSERT_EQ(line, std::string(60, line[0])) << "line " << count;
-    EXPECT_EQ(count, 4 * 200);
+TEST_F(DbgLogTest, ConcurrentWritersNeitherInterleaveNorLoseLines) {
+    // Each thread writes lines of its own letter: a line of mixed letters was interleaved. Every
+    // round starts without a log file, so the writers also race to create it.
+    for (int round = 0; round < 50; ++round) {
+        dbg_reset_for_testing();
+        std::remove(log().c_str());
+        std::atomic<bool> go{false};
+        capture_stdout([&go] {
+            std::vector<std::thread> threads;
+            for (char ch = 'a'; ch < 'e'; ++ch) {
+                threads.emplace_back([ch, &go] {
+                    const std::string text(60, ch);
+                    while (!go) {
+                    }
+                    for (int i = 0; i < 5; ++i)
+                        traceout("%s\n", text.c_str());
+                });
+            }
+            go = true;
+            for (auto& th : threads)
+                th.join();
+        });
+        std::istringstream in(read_file(log()));
+        int count = 0;
+        for (std::string line; std::getline(in, line); ++count)
+            ASSERT_EQ(line, std::string(60, line[0])) << "round " << round << " line " << count;
+        ASSERT_EQ(count, 4 * 5) << "round " << round;
+    }
 }
 
 TEST(DbgLinePrefixes, CarryFileFunctionAndFourDigitLine) {

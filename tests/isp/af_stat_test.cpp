@@ -78,8 +78,6 @@ TEST_F(AfStatTest, ModeZeroOnlyRefreshesTheCentreSharpnessEntry) {
         .fill(Field::kLuma, 512);
     af_stat_fetch_from(a.data(), 1);
     const auto sharp_before = grid(StatGrid::kSharpV);
-    EXPECT_EQ(get_window_sharpness(0), 2000u / 9);  // row/column 0 blocks have no filter sums
-    EXPECT_EQ(get_window_sharpness(6), 500u);
 
     StatFrame b;
     b.fill(Field::kFirV, 2000)
@@ -96,18 +94,22 @@ TEST_F(AfStatTest, ModeZeroOnlyRefreshesTheCentreSharpnessEntry) {
 }
 
 TEST_F(AfStatTest, WindowValuesOfModesOneAndTwoAgreeAndOutOfRangeIndexReadsLastWindow) {
+    // Every block of window z holds sharpness 100 (z + 1) and IIR2 10 (z + 1).
     StatFrame f;
-    for (int r = 0; r < 15; ++r)
-        for (int c = 0; c < 15; ++c)
-            f.sharp(r, c, static_cast<uint32_t>(100 * (r / 3 * 5 + c / 3) + 100));
-    f.fill(Field::kIir2, 40);
+    for (int r = 0; r < 15; ++r) {
+        for (int c = 0; c < 15; ++c) {
+            const uint32_t z = static_cast<uint32_t>(r / 3 * 5 + c / 3);
+            f.sharp(r, c, 100 * (z + 1)).set(Field::kIir2, r, c, 10 * (z + 1));
+        }
+    }
     af_stat_fetch_from(f.data(), 1);
     const auto m1 = windows();
     af_stat_fetch_from(f.data(), 2);
     EXPECT_EQ(windows(), m1);
     EXPECT_EQ(get_window_sharpness(24), 2500u);  // rows/columns 12..14, 2500 in every block
     EXPECT_EQ(get_window_sharpness(30), 2500u);
-    EXPECT_EQ(get_window_iir2(255), 40u);
+    EXPECT_EQ(get_window_iir2(7), 80u);
+    EXPECT_EQ(get_window_iir2(255), 250u);
     // Window 2 (rows 0..2, columns 6..8): row 0 has no filter sums, so 6 blocks of 300 over 9.
     EXPECT_EQ(get_window_sharpness(2), 200u);
     // An unknown mode converts the frame but leaves the window tables alone.

@@ -137,10 +137,13 @@ TEST_F(FrameHistoryTest, RingKeepsFiveFramesAndReadsThePastByKind) {
     ASSERT_EQ(s.n, 2);
     EXPECT_EQ(s.v[0], (610u + 620) / 2);
     EXPECT_EQ(s.v[1], (710u + 720) / 2);
+    fh_block_series(&s, 7, 7, 0, 1);  // any kind but 5 reads the first pair
+    EXPECT_EQ(s.v[0], (700u + 702) / 2);
 
     fh_ring_average_grid(g, 0, 2);
     EXPECT_EQ(g[100], 650u);
     fh_ring_fill(frame_of(42));
+    EXPECT_EQ(fh_ring_size(), 5);
     fh_ring_average_grid(g, 0, 5);
     EXPECT_EQ(g[100], 42u) << "a fill makes five equal frames";
     fh_ring_clear();

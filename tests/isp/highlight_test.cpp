@@ -178,15 +178,15 @@ TEST_F(HighlightTest, LumaDeviationIsTheIntegerStandardDeviationOfQuarterLuma) {
     EXPECT_EQ(window_luma_deviation(0, 1), 49u);
     EXPECT_EQ(get_window_luma_deviation(1), 49u);
 
-    // Blocks in the latched core are left out: masking the four bright ones leaves five zeros,
-    // and a window of nothing but lights has no texture value.
-    for (int r = 0; r < 3; ++r)
-        for (int c = 0; c < 6; ++c)
-            if (c < 3 || (r + c) % 2 == 0)
-                f.set(Field::kHighlight, r, c, 5000);
+    // Lights are left out by the latched core, not by the widened mask: a light in the middle of
+    // window 1 leaves four 100s and four 0s, deviation exactly 50. A window of nothing but lights
+    // has no texture value.
+    f.set(Field::kLuma, 1, 4, 4000).set(Field::kHighlight, 1, 4, 5000);
+    for (int i = 0; i < 9; ++i)
+        f.set(Field::kHighlight, i / 3, i % 3, 5000);
     highlight_arm_update();
     fetch(f);
-    EXPECT_EQ(window_luma_deviation(0, 1), 0u);
+    EXPECT_EQ(window_luma_deviation(0, 1), 50u);
     EXPECT_EQ(window_luma_deviation(0, 0), 0u);
 }
 
@@ -194,15 +194,16 @@ TEST_F(HighlightTest, HighlightDepthsAndCountsPerWindow) {
     StatFrame f;
     f.set(Field::kHighlight, 3, 3, 1000).set(Field::kHighlight, 5, 5, 3000);
     f.set(Field::kHighlight, 4, 4, 5000).set(Field::kHighlight, 0, 0, 5000);
+    f.set(Field::kHighlight, 12, 12, 8000);
     highlight_arm_update();
     fetch(f);
     // Window 6 core blocks: 19000, 17000 and 15000 below saturation.
     EXPECT_EQ(window_highlight_depth(3, 6, 3, 6), 17000u);
     EXPECT_EQ(get_window_highlight_depth(6), 17000u);
     EXPECT_EQ(window_highlight_depth(9, 12, 9, 12), 0u);
-    // The centre depth reads the widened live mask over rows/columns 4..12: (4,4) 15000, the
-    // neighbours (4,5), (5,4) 20000 each, (5,5) 17000 and its neighbours (5,6), (6,5) 20000.
-    EXPECT_EQ(centre_highlight_depth(), (15000u + 17000 + 4 * 20000) / 6);
+    // The centre depth reads the widened live mask over rows/columns 4..12: (4,4) 15000, (5,5)
+    // 17000, (12,12) 12000, and 20000 for each of their six marks inside the range.
+    EXPECT_EQ(centre_highlight_depth(), (15000u + 17000 + 12000 + 6 * 20000) / 9);
     EXPECT_EQ(get_centre_highlight_depth(), centre_highlight_depth());
     // Window 6 holds the three lights and the marks around them; window 0 its corner light.
     EXPECT_EQ(live_highlight_count(1, 1), 7);
@@ -211,7 +212,10 @@ TEST_F(HighlightTest, HighlightDepthsAndCountsPerWindow) {
     EXPECT_EQ(window_has_many_highlights(0, 0), 0);
     EXPECT_EQ(latched_highlight_count(6), 7);
     EXPECT_EQ(latched_highlight_count(0), 3);
-    EXPECT_EQ(latched_highlight_count(200), 0);  // read as window 24
+    EXPECT_EQ(latched_highlight_count(200), 3);  // read as window 24
+    highlight_disarm_update();
+    fetch(StatFrame());
+    EXPECT_EQ(latched_highlight_count(6), 7) << "the latched marks stay until the next armed fetch";
 }
 
 TEST_F(HighlightTest, WindowAveragesOfCallerValues) {
@@ -222,10 +226,10 @@ TEST_F(HighlightTest, WindowAveragesOfCallerValues) {
     fetch(StatFrame());
     std::array<uint8_t, 225> w{};
     w.fill(1);
-    w[4 * 15 + 4] = 0;
+    w[4 * 15 + 4] = w[14 * 15 + 14] = 0;
     highlight_set_block_weights(w.data());
     EXPECT_EQ(window_average_of(1, 1, v.data()), 1000u + 50);  // weight 0 drops the 1900
-    // Border window 24 counts each block once: (8 x 1000 + 30000) / 9 = 4222, + 50.
+    // Border window 24 counts each block once, whatever its weight: (8 x 1000 + 30000) / 9, + 50.
     EXPECT_EQ(window_average_of(4, 4, v.data()), 4272u);
     v.fill(25000);
     EXPECT_EQ(window_average_of(0, 0, v.data()), 25000u) << "no offset at 20000 and above";
