@@ -297,7 +297,13 @@ bool reconnect_locked() {
     g_link.retry_logged = false;
     traceout("%s ISP link reconnected, soc_client_sockfd = %d \n", dbg_timestamp(), fd);
     attr_setup_locked();  // closes the link again if the service fails it
-    return g_link.sock.load() >= 0;
+    if (g_link.sock.load() < 0) {
+        // A service that accepts the connection and then fails the set-up is not retried on every
+        // frame: the next attempt waits out the interval like a refused connection.
+        g_link.next_retry_us = now + kReconnectIntervalUs;
+        return false;
+    }
+    return true;
 }
 
 void send_profile(const FilterProfile& p) {

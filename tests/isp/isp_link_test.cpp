@@ -267,6 +267,25 @@ TEST_F(IspLinkTest, ReconnectsOnceASecondAndSetsTheAttributesAgain) {
     EXPECT_EQ(s16_at(peer.set_payloads()[0].data(), 234), 960);
 }
 
+TEST_F(IspLinkTest, ServiceThatFailsTheAttributeExchangeIsRetriedOnlyOnceASecond) {
+    connect();
+    ASSERT_EQ(Get_ISP_VD(), 0);
+    peer.stop();
+    capture_stdout([] { EXPECT_EQ(Get_ISP_VD(), 1); });
+    peer.start();
+    peer.fail_next(2, IspPeer::Fault::kShortReply);  // the next connection fails its set-up
+    uint64_t failed_at = 0;
+    capture_stdout([&] {
+        for (int calls = 0; Get_ISP_VD() != 0 && calls < 50; ++calls)
+            if (failed_at == 0 && peer.connections() == 2)
+                failed_at = clock.monotonic_us();
+    });
+    ASSERT_NE(failed_at, 0u);
+    EXPECT_EQ(peer.connections(), 3);
+    EXPECT_GE(clock.monotonic_us() - failed_at, 900000u)
+        << "the connection after a failed set-up came less than a second later";
+}
+
 TEST_F(IspLinkTest, OtherThreadsAreNotHeldWhileTheLinkIsDown) {
     // Real time here: the pause of a closed link must not hold the link lock.
     platform::select_clock(nullptr);
