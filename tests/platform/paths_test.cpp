@@ -61,11 +61,16 @@ TEST(Ports, CameraDefaultsUnlessTheEnvironmentGivesAValidPort) {
     setenv("AFD_CMD_BIND", "127.0.0.1", 1);
     setenv("AFD_TUNING_PORT", "70000", 1);  // out of range: default kept
     setenv("AFD_REPLY_PORT", "7x", 1);      // not a number: default kept
+    setenv("AFD_CMD_PORT", "0", 1);         // a bound port: 0 lets the kernel pick a free one
     platform::reload_ports();
     EXPECT_EQ(p.isp_port, 16888);
     EXPECT_STREQ(p.cmd_bind, "127.0.0.1");
     EXPECT_EQ(p.tuning_port, 1207);
     EXPECT_EQ(p.reply_port, 7000);
+    EXPECT_EQ(p.cmd_port, 0);
+    setenv("AFD_ISP_PORT", "0", 1);  // a port the daemon connects to: 0 is not valid
+    platform::reload_ports();
+    EXPECT_EQ(p.isp_port, 6888);
     for (const char* v : vars)
         unsetenv(v);
     platform::reload_ports();
