@@ -48,6 +48,9 @@ TEST_F(IrisTest, DarkImageOpensByWholeStepsUpToTheChipsLargestValue) {
     adjustments(1);
     EXPECT_EQ(g_drives, std::vector<uint16_t>{1008});
     EXPECT_EQ(iris_get_value(), 1008);
+    start(1200, 150);
+    adjustments(1);
+    EXPECT_EQ(g_drives, std::vector<uint16_t>{1216}) << "double steps above step 3";
     adjustments(200);
     EXPECT_EQ(iris_get_value(), 2300u) << "the LC898201's largest value";
 }

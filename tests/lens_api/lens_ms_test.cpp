@@ -67,7 +67,7 @@ TEST_F(LensChipDetect, AnMs41908IgnoresTheProbeAndGetsItsTableLinesAndIrisTable)
                                       {kGpioReqInput, 62}}));
     EXPECT_TRUE(iris_table_fits(1023));
     // From here the MS41908 link reaches the chip on its bus, in its own mode.
-    lens_ops().init_regs();
+    capture_stdout([] { lens_ops().init_regs(); });
     EXPECT_EQ(ms.regs[0x24], 0x1520);
 }
 
@@ -85,45 +85,6 @@ class Ms41908Driver : public lensfake::Rig<> {
     }
     lensfake::MsChip chip{board};
 };
-
-// Control words: count in bits 0..7 (two pulses a zoom step, one a focus step), bit 8 set for
-// direction 0, the other channel's count cleared. A count above 127 is taken as signed: 127 steps.
-TEST_F(Ms41908Driver, ChannelStepsWriteBothControlWordsInOneStrobedGroup) {
-    const struct {
-        bool zoom;
-        uint8_t dir, steps;
-        Writes words;
-        int zoom_moved, focus_moved;
-    } cases[] = {
-        {true, 1, 10, {{0x24, 0x1414}, {0x29, 0x1500}}, -10, 0},
-        {true, 0, 255, {{0x24, 0x15FE}, {0x29, 0x1500}}, 127, 0},
-        {false, 1, 30, {{0x24, 0x1500}, {0x29, 0x141E}}, 0, 30},
-        {false, 0, 200, {{0x24, 0x1500}, {0x29, 0x157F}}, 0, -127},
-    };
-    chip.busy_reads = 0;
-    for (const auto& c : cases) {
-        board.clear();
-        const int z0 = chip.zoom(), f0 = chip.focus;
-        (c.zoom ? ms_zoom_step : ms_focus_step)(c.dir, c.steps);
-        EXPECT_EQ(chip.writes(), c.words) << int(c.steps);
-        EXPECT_EQ(chip.shape(), "BLWWH");
-        EXPECT_EQ(chip.zoom() - z0, c.zoom_moved);
-        EXPECT_EQ(chip.focus - f0, c.focus_moved);
-    }
-    board.clear();
-    ms_zoom_step(1, 0);
-    EXPECT_EQ(chip.shape(), "B") << "no steps: nothing written or strobed";
-}
-
-TEST_F(Ms41908Driver, AStepWaitsForTheBusyLineToFallBeforeItsGroup) {
-    chip.busy_reads = 5;
-    ms_zoom_step(1, 2);
-    board.clear();
-    const uint64_t t0 = clock.monotonic_us();
-    ms_zoom_step(1, 2);
-    EXPECT_EQ(chip.shape(), "BBBBBBLWWH");
-    EXPECT_EQ(clock.monotonic_us() - t0, 5u) << "1 us between polls";
-}
 
 // A zoom step is two pulses at the zoom period, a focus step one at the focus period: any pair of
 // step counts ends together on both channels.
@@ -192,15 +153,12 @@ TEST_F(Ms41908Driver, IrisDriveReachesTheChipOncePerNewValueWithoutMovingAMotor)
     ms_iris_drive(2000);
     EXPECT_EQ(chip.regs[0x00], 0);
     EXPECT_EQ(ms_iris_value(), 1023);
-}
-
-TEST_F(Ms41908Driver, IrisDriveOnAStuckBusyLineIsDroppedAndRetriedLater) {
+    // On a stuck busy line the drive is dropped, and the same value is tried again later.
     chip.busy_stuck = true;
     const std::string out = capture_stdout([] { ms_iris_drive(300); });
-    EXPECT_TRUE(chip.writes().empty());
-    EXPECT_EQ(ms_busy_timeouts(), 1u);
     EXPECT_NE(out.find("DBG_ERR:lens_api/lens_ms ms_iris_drive["), std::string::npos) << out;
-    EXPECT_NE(out.find("busy line stuck"), std::string::npos);
+    EXPECT_EQ(ms_busy_timeouts(), 1u);
+    EXPECT_EQ(chip.regs[0x00], 0);
     chip.busy_stuck = false;
     ms_iris_drive(300);
     EXPECT_EQ(chip.regs[0x00], 723);

@@ -20,7 +20,7 @@ using vcam::hw::SensorFault;
 constexpr uint32_t kOutHigh = 0x40044266, kOutLow = 0x40044265, kVdHigh = 0x40044267,
                    kVdLow = 0x40044268, kRead = 0x4004426A;
 
-TEST(HwConfigTest, MechanicalKeysSetBothChipsAndBadSettingsAreRefused) {
+TEST(HwEmuConfigTest, MechanicalKeysSetBothChipsAndBadSettingsAreRefused) {
     HwConfig cfg;
     std::string err;
     ASSERT_TRUE(
@@ -46,7 +46,7 @@ TEST(HwConfigTest, MechanicalKeysSetBothChipsAndBadSettingsAreRefused) {
     EXPECT_NE(err.find("bogus"), std::string::npos);
 }
 
-class HwServerTest : public ::testing::Test {
+class HwEmuServerTest : public ::testing::Test {
   protected:
     void make(const std::string& settings) {
         HwConfig cfg;
@@ -90,7 +90,7 @@ class HwServerTest : public ::testing::Test {
     uint64_t t = 0;
 };
 
-TEST_F(HwServerTest, OnlyTheChipsBusAnswersOnlyInItsModeAndDescriptorsKeepTheirSettings) {
+TEST_F(HwEmuServerTest, OnlyTheChipsBusAnswersOnlyInItsModeAndDescriptorsKeepTheirSettings) {
     make("chip=ms41908,spi_bus=2");
     const int bus4 = open_spi("/dev/spidev4.0", 0x0F);
     const int lc = open_spi("/dev/spidev2.0", 0x03);
@@ -112,7 +112,7 @@ TEST_F(HwServerTest, OnlyTheChipsBusAnswersOnlyInItsModeAndDescriptorsKeepTheirS
     EXPECT_LT(frame(bus2, {0x64, 0, 0}).result, 0) << "closed descriptor";
 }
 
-TEST_F(HwServerTest, FaultSwitchesFailOpenIoctlAndTransfers) {
+TEST_F(HwEmuServerTest, FaultSwitchesFailOpenIoctlAndTransfers) {
     make("fault.spi_ioctl=rd_bits");
     const int fd = call(Op::kSpiOpen, -1, 0, 0, "/dev/spidev4.0").result;
     EXPECT_EQ(call(Op::kSpiIoctl, fd, SPI_IOC_WR_BITS_PER_WORD, 8).result, 0);
@@ -123,7 +123,7 @@ TEST_F(HwServerTest, FaultSwitchesFailOpenIoctlAndTransfers) {
     EXPECT_LT(call(Op::kSpiOpen, -1, 0, 0, "/dev/spidev4.0").result, 0);
 }
 
-TEST_F(HwServerTest, GpioLevelsAndTheResetPulseClearingTheLc898201) {
+TEST_F(HwEmuServerTest, GpioLevelsAndTheResetPulseClearingTheLc898201) {
     make("");
     const int spi = open_spi("/dev/spidev4.0", 3);
     frame(spi, {0x01, 0x01, 0x82});
@@ -144,7 +144,7 @@ TEST_F(HwServerTest, GpioLevelsAndTheResetPulseClearingTheLc898201) {
     EXPECT_LT(call(Op::kGpioOpen, -1, 0, 0, "/dev/vhd_gpio").result, 0);
 }
 
-TEST_F(HwServerTest, Ms41908TakesItsStrobeFromVdAndDrivesPlsAndTheSensors) {
+TEST_F(HwEmuServerTest, Ms41908TakesItsStrobeFromVdAndDrivesPlsAndTheSensors) {
     make("chip=ms41908,time_unit_us=0.01");
     const int g = call(Op::kGpioOpen, -1, 0, 0, "/dev/vhd_gpio").result;
     const int s = open_spi("/dev/spidev4.0", 0x0F);
@@ -171,7 +171,7 @@ TEST_F(HwServerTest, Ms41908TakesItsStrobeFromVdAndDrivesPlsAndTheSensors) {
     EXPECT_EQ(gpio(g, kRead, 50), 0);
 }
 
-TEST_F(HwServerTest, RequestsWithABadHeaderAreRefused) {
+TEST_F(HwEmuServerTest, RequestsWithABadHeaderAreRefused) {
     make("");
     HwRequest r;
     std::memset(&r, 0, sizeof r);

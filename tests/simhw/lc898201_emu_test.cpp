@@ -80,7 +80,7 @@ TEST_F(Lc898201EmuTest, BusyLastsThePulseTrainAndDirectionBitsMoveEachChannelIts
     EXPECT_DOUBLE_EQ(mech.snapshot().focus, 3010.0) << "focus word 0x96 raises, 2 pulses a step";
 }
 
-TEST_F(Lc898201EmuTest, BacklashIsTakenUpOnReversalAndEndStopsLosePulses) {
+TEST_F(Lc898201EmuTest, BacklashIsTakenUpEndStopsLosePulsesAndRestartsAreCounted) {
     Lc898201Config cfg;
     cfg.zoom_backlash = 3;
     cfg.zoom_stop_max = 1020;
@@ -94,6 +94,9 @@ TEST_F(Lc898201EmuTest, BacklashIsTakenUpOnReversalAndEndStopsLosePulses) {
     move(0x0100, false, 4 * 30);  // 3 steps of play, 17 to the stop, 10 against it
     EXPECT_DOUBLE_EQ(mech.snapshot().zoom, 1020.0);
     EXPECT_EQ(emu->lost_pulses(), 4u * 10);
+    w8(0x010E, 1);  // the last move's settings again, and a start while it runs
+    w8(0x010E, 1);
+    EXPECT_EQ(emu->restarts_while_busy(), 1u);
 }
 
 TEST_F(Lc898201EmuTest, HomeSensorsAreCrossWiredAndNeedTheirSupply) {
@@ -124,12 +127,14 @@ TEST_F(Lc898201EmuTest, FramesInAnotherModeAreIgnoredAndStuckBusyNeverClears) {
     EXPECT_EQ(r8(0x010E), 0);
 }
 
-TEST_F(Lc898201EmuTest, HallReadingRisesWithOffsetAndBiasAndFollowsTheOpenLoopDrive) {
+// The Hall reading rises with the offset and scales with the bias; the iris follows the open-loop
+// drive, in servo mode the latched target, and closes with the drive off.
+TEST_F(Lc898201EmuTest, HallReadingAndIrisFollowOffsetBiasDriveAndServoTarget) {
     make({}, 0, 0);
-    w8(0x0314, 0x80);
-    w8(0x000C, 0);
-    w8(0x007C, 64);
-    w8(0x0079, 150);
+    const std::pair<uint16_t, uint8_t> setup[] = {
+        {0x0314, 0x80}, {0x000C, 0}, {0x007C, 64}, {0x0079, 150}};
+    for (const auto& r : setup)
+        w8(r.first, r.second);
     w32f(0x122E, 1.0f);
     t += 1000000;  // iris settles open
     const float open = r32f(0x1230);
@@ -143,14 +148,10 @@ TEST_F(Lc898201EmuTest, HallReadingRisesWithOffsetAndBiasAndFollowsTheOpenLoopDr
     w32f(0x122E, -1.0f);
     t += 1000000;
     EXPECT_LT(r32f(0x1230), -0.9f) << "driven closed";
-}
 
-TEST_F(Lc898201EmuTest, ServoModeHoldsTheLatchedTargetAndDriveOffCloses) {
-    make({}, 0, 0);
-    const std::pair<uint16_t, uint8_t> servo[] = {
-        {0x0314, 0x80}, {0x007C, 64}, {0x0079, 150}, {0x000C, 7}};
-    for (const auto& r : servo)
-        w8(r.first, r.second);
+    w8(0x007C, 64);
+    w8(0x0079, 150);
+    w8(0x000C, 7);
     w32f(0x1027, -0.5f);
     t += 1000000;
     r8(0x0000);  // the mechanics run on the time of the frames

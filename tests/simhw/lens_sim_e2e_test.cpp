@@ -1,32 +1,24 @@
-// The daemon's lens start-up (pin file, reset pulse, detection, offsets, homing), its moves and the
-// Hall calibration running unchanged against the virtual camera's chip and GPIO emulators, through
-// the simulation backend and a real Unix socket, on the virtual clock. Each test runs with either
-// chip unless it is about one of them.
+// The daemon's lens start-up (pin file, reset pulse, detection, offsets, homing) and its moves
+// running unchanged against the virtual camera's chip and GPIO emulators, through the simulation
+// backend and a real Unix socket, on the virtual clock, with either chip.
 #include <gtest/gtest.h>
 
 #include <memory>
-#include <string>
 #include <tuple>
 
-#include "lens_api/gpio_pins.h"
-#include "lens_api/iris.h"
-#include "lens_api/lc898201.h"
-#include "lens_api/lens_driver.h"
-#include "lens_api/lens_ms.h"
-#include "lens_api/lens_position.h"
-#include "lens_api/spi_link.h"
 #include "platform/sim/sim_devices.h"
-#include "platform/sim/virtual_clock.h"
 #include "sim/hw/hw_server.h"
 #include "store/offsets.h"
-#include "tests/support/test_env.h"
+#include "tests/lens_api/fake_devices.h"
 
 namespace {
 
 using vcam::hw::HwConfig;
 using vcam::hw::HwServer;
 
-class LensSimE2E : public ::testing::Test {
+// The lens fixture's clock, sandbox and module resets, with the simulation backends in place of
+// the fake board.
+class LensSimE2E : public lensfake::Rig<> {
   protected:
     // The driver's busy polls make one socket round trip each, which is what costs real time
     // here: moves run faster than the chips' default pulse units.
@@ -42,28 +34,14 @@ class LensSimE2E : public ::testing::Test {
         const std::string sock = root.path() + "/hw.sock";
         ASSERT_EQ(server->start(sock), 0);
         ASSERT_EQ(link.connect(sock.c_str()), 0);
-        platform::select_clock(&clock);
         platform::select_spi(&spi);
         platform::select_gpio(&gpio);
-        reset_modules();
     }
     void TearDown() override {
-        reset_modules();
-        platform::select_spi(nullptr);
-        platform::select_gpio(nullptr);
-        platform::select_clock(nullptr);
+        Rig::TearDown();
         link.disconnect();
         if (server)
             server->stop();
-    }
-    static void reset_modules() {
-        spi_reset_for_testing();
-        gpio_reset_for_testing();
-        lc_reset_for_testing();
-        ms_reset_for_testing();
-        lens_driver_reset_for_testing();
-        lens_position_reset_for_testing();
-        iris_reset_for_testing();
     }
     // The lens part of the daemon's start-up, in its order.
     std::string daemon_startup(uint8_t* result) {
@@ -100,10 +78,8 @@ class LensSimE2E : public ::testing::Test {
         });
     }
 
-    testsupport::SandboxRoot root;
     vcam::LensMechanics mech;
     std::unique_ptr<HwServer> server;
-    platform::VirtualClock clock;
     platform::SimHwLink link;
     platform::SimSpi spi{link};
     platform::SimGpio gpio{link};
@@ -149,8 +125,8 @@ class LensSimMoves
       public ::testing::WithParamInterface<std::tuple<std::string, std::pair<int, int>>> {};
 
 // With the daemon's backlash equal to the lens's play, every move and reversal lands the true
-// carriages exactly on the counts, and a re-homing afterwards finds the same edges. Focus steps of
-// 80 plus a large backlash also exercise the pulse periods beyond the drivers' tables.
+// carriages exactly on the counts, also after a re-homing, which finds the same edges. Focus steps
+// of 80 plus a large backlash also exercise the pulse periods beyond the drivers' tables.
 TEST_P(LensSimMoves, CountsFollowTheLensThroughMovesAndReversals) {
     const auto& [chip, play] = GetParam();
     start(chip,
@@ -186,6 +162,11 @@ TEST_P(LensSimMoves, CountsFollowTheLensThroughMovesAndReversals) {
     testsupport::capture_stdout([&] { result = lens_motor_rehome(); });
     EXPECT_EQ(result, 0);
     expect_on_the_home_edges();
+    // Homing leaves both motors last turned in direction 0: the next reversals carry the play.
+    lens_move(1, 40, 1, 40);
+    const vcam::LensTruth t = settle();
+    EXPECT_EQ(t.zoom, lens_get_zoom_pos());
+    EXPECT_EQ(t.focus, lens_get_focus_pos());
 }
 
 INSTANTIATE_TEST_SUITE_P(Play, LensSimMoves,
@@ -248,28 +229,5 @@ INSTANTIATE_TEST_SUITE_P(
                      "lens_focus_init_ms[1099] focus initial fail!"},
         StartupFault{"MsNoGpioDevice", "ms41908", "gpio=absent", kBoth, "open vhd_gpio failed "}),
     [](const ::testing::TestParamInfo<StartupFault>& i) { return std::string(i.param.name); });
-
-TEST_F(LensSimE2E, HallCalibrationConvergesOnANominalUnit) {
-    start("lc898201", "hall_centre=170", 3000, 3000);
-    uint8_t result = 0xFF;
-    daemon_startup(&result);
-    ASSERT_EQ(result, 0);
-    EXPECT_EQ(lc_hall_calibrate(), 0);
-    EXPECT_EQ(lc_get_bias_offset(), 64);
-    EXPECT_GE(lc_get_iris_offset(), 64 + 32);
-    EXPECT_LE(lc_get_iris_offset(), 240);
-}
-
-TEST_F(LensSimE2E, Ms41908IrisFollowsTheDrivenValueWithinItsRange) {
-    start("ms41908", "", 3000, 3000);
-    uint8_t result = 0xFF;
-    daemon_startup(&result);
-    ASSERT_EQ(result, 0);
-    iris_drive_publish(2300);  // the start-up value: limited to 1023 by the driver
-    EXPECT_NEAR(settle().iris, 1023.0, 1.0);
-    iris_goto_step(12);
-    EXPECT_NEAR(settle().iris, iris_table_get(12), 1.0);
-    EXPECT_EQ(settle().zoom, 6378.0) << "iris strobes move no motor";
-}
 
 }  // namespace
