@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -191,6 +192,28 @@ void close_link_locked() {
     g_link.retry_logged = false;
 }
 
+// connect() with the signal case handled: a connect interrupted by a signal (the daemon's own
+// timers and shutdown signals, a debugger) carries on in the background and must be waited for,
+// not reported as a failed connection. The wait is bounded by the reply timeout.
+int connect_whole(int fd, const sockaddr_in& addr) {
+    if (connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) == 0)
+        return 0;
+    if (errno != EINTR)
+        return -1;
+    pollfd p{fd, POLLOUT, 0};
+    int r = 0;
+    do {
+        r = poll(&p, 1, static_cast<int>(g_link.reply_timeout_ms));
+    } while (r < 0 && errno == EINTR);
+    if (r <= 0)
+        return -1;
+    int err = 0;
+    socklen_t len = sizeof err;
+    if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len) != 0 || err != 0)
+        return -1;
+    return 0;
+}
+
 // Creates and connects the link socket. Returns the socket, or -1 with *what naming the step.
 int open_link(const char** what) {
     const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -213,8 +236,7 @@ int open_link(const char** what) {
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_port = htons(pc.isp_port);
-    if (inet_pton(AF_INET, pc.isp_addr, &addr.sin_addr) != 1 ||
-        connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) != 0) {
+    if (inet_pton(AF_INET, pc.isp_addr, &addr.sin_addr) != 1 || connect_whole(fd, addr) != 0) {
         close(fd);
         *what = "connect";
         return -1;

@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -61,7 +62,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     isp_link_reset_for_testing();
     if (socket_to_soc_init() != 0)
         std::abort();
-    const int svc = accept(g_listen, nullptr, nullptr);
+    // libFuzzer's timeout alarm interrupts blocking calls now and then.
+    int svc = -1;
+    do {
+        svc = accept(g_listen, nullptr, nullptr);
+    } while (svc < 0 && errno == EINTR);
     if (svc < 0)
         std::abort();
     // Everything the service will ever say, then the end of its stream. A non-blocking write
