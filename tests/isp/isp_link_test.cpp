@@ -5,8 +5,12 @@
 
 #include <gtest/gtest.h>
 
+#include <pthread.h>
+#include <signal.h>
+
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -284,6 +288,30 @@ TEST_F(IspLinkTest, ServiceThatFailsTheAttributeExchangeIsRetriedOnlyOnceASecond
     EXPECT_EQ(peer.connections(), 3);
     EXPECT_GE(clock.monotonic_us() - failed_at, 900000u)
         << "the connection after a failed set-up came less than a second later";
+}
+
+TEST_F(IspLinkTest, ConnectInterruptedBySignalsStillComesUp) {
+    // Signals land on the frame-loop thread (shutdown, timers, a debugger); a handler without
+    // SA_RESTART makes a blocking connect return early while the connection carries on.
+    struct sigaction sa {};
+    struct sigaction old {};
+    sa.sa_handler = [](int) {};
+    sigemptyset(&sa.sa_mask);
+    ASSERT_EQ(sigaction(SIGUSR2, &sa, &old), 0);
+    const pthread_t target = pthread_self();
+    std::atomic<bool> stop{false};
+    std::thread pelter([&] {
+        while (!stop.load())
+            pthread_kill(target, SIGUSR2);
+    });
+    int failed = 0;
+    for (int i = 0; i < 300; ++i)
+        if (socket_to_soc_init() != 0)
+            ++failed;
+    stop.store(true);
+    pelter.join();
+    sigaction(SIGUSR2, &old, nullptr);
+    EXPECT_EQ(failed, 0);
 }
 
 TEST_F(IspLinkTest, OtherThreadsAreNotHeldWhileTheLinkIsDown) {
