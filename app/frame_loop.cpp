@@ -72,7 +72,7 @@ void FrameLoop::run() {
 void FrameLoop::iteration() {
     // 1-2. Paused by the command channel: idle in 1 ms steps, re-learn the rate on resume.
     if (get_loop_paused() == 1) {
-        platform::sleep_us(1000);
+        platform::idle_us(1000);
         st_.resume_pending = 1;
         return;
     }

@@ -366,7 +366,7 @@ int Get_ISP_VD() {
     if (g_link.sock.load() < 0 && !reconnect_locked()) {
         // Idle without the lock: the tuning threads' requests fail at once meanwhile.
         lk.unlock();
-        platform::sleep_us(kClosedPollUs);
+        platform::idle_us(kClosedPollUs);
         return 1;
     }
     const int fd = g_link.sock.load();

@@ -30,6 +30,12 @@ class Clock {
     // Suspends the calling thread (real) or advances time (virtual) by us microseconds.
     virtual void sleep_us(uint32_t us) = 0;
 
+    // Waits for a peer that lives in real time (a service that is down and may come back).
+    // The real clock sleeps; the virtual clock advances its time and also pauses for a moment of
+    // real time, since nothing virtual will change while the peer is away and a loop polling it
+    // must not spin a core.
+    virtual void idle_us(uint32_t us) { sleep_us(us); }
+
     // A statistics frame with this stamp has just been received. The real clock ignores it.
     virtual void on_frame(const afdata::FrameStamp& stamp) = 0;
 
@@ -49,6 +55,9 @@ inline int wall_time(timeval* tv) {
 }
 inline void sleep_us(uint32_t us) {
     clock().sleep_us(us);
+}
+inline void idle_us(uint32_t us) {
+    clock().idle_us(us);
 }
 inline uint64_t monotonic_us() {
     return clock().monotonic_us();

@@ -2,7 +2,10 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <time.h>
 #include <unistd.h>
+
+#include <cerrno>
 
 namespace platform {
 
@@ -39,6 +42,14 @@ int VirtualClock::wall_time(timeval* tv) {
 void VirtualClock::sleep_us(uint32_t us) {
     uint64_t t = now_.fetch_add(us, std::memory_order_acq_rel) + us;
     publish(t);
+}
+
+void VirtualClock::idle_us(uint32_t us) {
+    sleep_us(us);
+    const uint32_t pause = us < kIdleRealPauseUs ? us : kIdleRealPauseUs;
+    timespec ts{0, static_cast<long>(pause) * 1000};
+    while (nanosleep(&ts, &ts) != 0 && errno == EINTR) {
+    }
 }
 
 void VirtualClock::on_frame(const afdata::FrameStamp& stamp) {

@@ -32,6 +32,9 @@ class VirtualClock final : public Clock {
     int wall_time(timeval* tv) override;
     uint64_t monotonic_us() override { return now_.load(std::memory_order_acquire); }
     void sleep_us(uint32_t us) override;
+    // Advances like sleep_us, then pauses for up to kIdleRealPauseUs of real time.
+    void idle_us(uint32_t us) override;
+    static constexpr uint32_t kIdleRealPauseUs = 2000;
     void on_frame(const afdata::FrameStamp& stamp) override;
     bool is_virtual() const override { return true; }
 
