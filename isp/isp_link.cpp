@@ -192,9 +192,10 @@ void close_link_locked() {
     g_link.retry_logged = false;
 }
 
-// connect() with the signal case handled: a connect interrupted by a signal (the daemon's own
-// timers and shutdown signals, a debugger) carries on in the background and must be waited for,
-// not reported as a failed connection. The wait is bounded by the reply timeout.
+// connect() with the signal case handled. On a socket with a send timeout (the link sets one),
+// Linux never restarts an interrupted connect, even for handlers installed with SA_RESTART, nor
+// after a stop and continue (a debugger). The connection carries on in the background and must be
+// waited for, not reported as a refused service. The wait is bounded by the reply timeout.
 int connect_whole(int fd, const sockaddr_in& addr) {
     if (connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) == 0)
         return 0;
