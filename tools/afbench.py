@@ -41,6 +41,9 @@ import tempfile
 import threading
 import time
 
+import benchenv
+from benchenv import half_width, make_sandbox, rows
+
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 SCEN = os.path.join(ROOT, "sim/scenarios")
 MAX_STEP = 60          # the daemon's largest focus move per frame
@@ -87,31 +90,6 @@ LIBRARY = [
 # not the autofocus, and are left out.
 
 
-def half_width(zoom, iris=1023.0, iris_open=1023.0):
-    """Half width (steps) of the V sharpness peak in vcam's optics at this zoom and iris: the
-    depth of focus for this benchmark (sim/README.md: v_width 5 -> 12, growth (z/6624)^1.5,
-    x transmission^-0.5 with transmission = (iris/iris_open)^2)."""
-    z = max(0.0, min(1.0, zoom / 6624.0))
-    w = 5.0 + (12.0 - 5.0) * z ** 1.5
-    if iris and iris > 0 and iris < iris_open:
-        w *= iris_open / iris
-    return w
-
-
-def rows(path):
-    out = []
-    try:
-        with open(path) as f:
-            for line in f:
-                try:
-                    out.append(json.loads(line))
-                except ValueError:
-                    pass
-    except FileNotFoundError:
-        pass
-    return out
-
-
 def last_t_us(path):
     """t_us of the last complete telemetry line (reads only the file's tail)."""
     try:
@@ -147,31 +125,11 @@ def scenario_text(base, ov, sweep=None, static=False):
 
 
 def sandbox_env(sb, port):
-    env = dict(os.environ)
-    env.update({
-        "AFD_ROOT": sb, "AFD_SYSLOG": "0", "AFD_CLOCK": "virtual",
-        "AFD_VCLOCK_FILE": os.path.join(sb, "run/vclock"),
-        "AFD_SIM_SOCKET": os.path.join(sb, "run/hw.sock"),
-        "AFD_ISP_PORT": str(port), "AFD_CMD_PORT": str(port + 1),
-        "AFD_REPLY_PORT": str(port + 2), "AFD_TUNING_PORT": str(port + 3),
-        "AFD_CMD_BIND": "127.0.0.1",
-        # A unit whose gear play is what the daemon's lens parameters compensate on every
-        # reversal (focus 2 steps, zoom 1): without play the compensation itself would push the
-        # lens off by two steps at each turn of the search.
-        "VCAM_HW": os.environ.get("VCAM_HW", "focus_backlash=2,zoom_backlash=1"),
-    })
-    return env
-
-
-def make_sandbox():
-    sb = tempfile.mkdtemp(prefix="afd-afbench-")
-    os.makedirs(os.path.join(sb, "run"))
-    # A calibrated unit: the reference-point curve file holds the unit's wide-end focus at the
-    # reference distance (the nominal lens: the scenarios have no unit deviation unless they say).
-    os.makedirs(os.path.join(sb, "data"))
-    with open(os.path.join(sb, "data/curve.dat"), "wb") as f:
-        f.write(struct.pack("<209H", *([6019] + [0] * 207 + [0xAA55])))
-    return sb
+    # A unit whose gear play is what the daemon's lens parameters compensate on every reversal
+    # (focus 2 steps, zoom 1): without play the compensation itself would push the lens off by
+    # two steps at each turn of the search.
+    return benchenv.sandbox_env(sb, port, {
+        "VCAM_HW": os.environ.get("VCAM_HW", "focus_backlash=2,zoom_backlash=1")})
 
 
 def vcam_args(case_ov):
@@ -199,7 +157,7 @@ def stop(procs):
 def vcam_alone(build, text, extra, frames, port):
     """Runs vcam without the daemon (no clock page: the next grid frame each request) and fetches
     `frames` frames over the ISP link; returns the telemetry rows."""
-    sb = make_sandbox()
+    sb = make_sandbox("afd-afbench-")
     env = sandbox_env(sb, port)
     del env["AFD_VCLOCK_FILE"]
     scen = os.path.join(sb, "scene.yaml")
@@ -490,7 +448,7 @@ def rows_tail(path, n):
 
 
 def run_daemon(build, base, ov, extra, seconds, port, outdir, name, mode, callgrind=None):
-    sb = make_sandbox()
+    sb = make_sandbox("afd-afbench-")
     env = sandbox_env(sb, port)
     text = scenario_text(base, ov)
     m = re.search(r"lens:\n(?:\s+.*\n)*?\s+zoom: (\d+)", text)

@@ -15,11 +15,11 @@ import json
 import os
 import re
 import signal
-import struct
 import subprocess
 import sys
-import tempfile
 import time
+
+from benchenv import half_width, make_sandbox, rows, sandbox_env
 
 VCAM_ARGS = os.environ.get("VCAM_ARGS", "").split()
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
@@ -32,41 +32,9 @@ def scenario(distance, path):
     open(path, "w").write(text)
 
 
-def half_width(zoom):
-    """Half width (steps) of the sharpness peak of the V filters in vcam's optics at this zoom,
-    the subject's depth of focus for this benchmark (sim/README.md, optics.v_width_*)."""
-    z = max(0.0, min(1.0, zoom / 6624.0))
-    return 5.0 + (12.0 - 5.0) * z ** 1.5
-
-
-def rows(path):
-    out = []
-    with open(path) as f:
-        for line in f:
-            try:
-                out.append(json.loads(line))
-            except ValueError:
-                pass
-    return out
-
-
 def run_one(build, distance, speed, target, port_base):
-    sb = tempfile.mkdtemp(prefix="afd-trackbench-")
-    os.makedirs(os.path.join(sb, "run"))
-    env = dict(os.environ)
-    env.update({
-        "AFD_ROOT": sb, "AFD_SYSLOG": "0", "AFD_CLOCK": "virtual",
-        "AFD_VCLOCK_FILE": os.path.join(sb, "run/vclock"),
-        "AFD_SIM_SOCKET": os.path.join(sb, "run/hw.sock"),
-        "AFD_ISP_PORT": str(port_base), "AFD_CMD_PORT": str(port_base + 1),
-        "AFD_REPLY_PORT": str(port_base + 2), "AFD_TUNING_PORT": str(port_base + 3),
-        "AFD_CMD_BIND": "127.0.0.1",
-    })
-    # A calibrated unit: the reference-point curve file holds the unit's wide-end focus at the
-    # reference distance (the nominal lens here: vcam's scenario has no unit deviation).
-    os.makedirs(os.path.join(sb, "data"))
-    with open(os.path.join(sb, "data/curve.dat"), "wb") as f:
-        f.write(struct.pack("<209H", *([6019] + [0] * 207 + [0xAA55])))
+    sb = make_sandbox("afd-trackbench-")
+    env = sandbox_env(sb, port_base)
     scen = os.path.join(sb, "scene.yaml")
     scenario(distance, scen)
     tele = os.path.join(sb, "run/telemetry.jsonl")
