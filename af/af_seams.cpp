@@ -4,7 +4,7 @@
 
 #include "af/af_state.h"
 #include "af/focus_zone.h"
-#include "app/frame_pacing.h"
+#include "base/frame_pacing.h"
 #include "isp/frame_history.h"
 #include "isp/isp_link.h"
 #include "lens_api/lens_position.h"

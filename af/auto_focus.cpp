@@ -13,8 +13,8 @@
 #include "af/af_seams.h"
 #include "af/af_state.h"
 #include "af/focus_zone.h"
-#include "app/frame_pacing.h"
-#include "command/command_process.h"
+#include "base/command_state.h"
+#include "base/frame_pacing.h"
 #include "isp/af_stat.h"
 #include "isp/frame_history.h"
 #include "isp/highlight.h"
@@ -24,14 +24,6 @@
 #include "scene/scene_analyzer.h"
 #include "tracking/curves.h"
 #include "tracking/distance_table.h"
-
-volatile uint8_t g_afState = 0;
-volatile uint8_t g_refocusRequest = 0;
-volatile uint8_t g_returnToLast = 0;
-volatile uint8_t g_oneShotStage = 0;
-volatile uint8_t g_zoomMotionMarker = 0;
-volatile uint8_t g_manualFocusMove = 0;
-volatile uint16_t g_lastAfPos = 0;
 
 uint32_t g_searchPhase = 1;
 uint32_t g_searchDir = 2;
@@ -63,7 +55,6 @@ uint8_t g_noPeak = 0;
 
 namespace {
 
-uint8_t g_slowDivider = 0;
 uint16_t g_stateOneFrames = 0;
 uint8_t g_lowLight = 0;
 uint8_t g_hooksInstalled = 0;
@@ -77,7 +68,8 @@ uint32_t g_countedDir = 0;
 volatile uint8_t g_distanceAssist = 0;
 
 // Publishes the positions after a zoom change (the command channel's shared record).
-void (*g_publishPositions)() = command_publish_positions;
+// The command channel's position publishing, installed at start-up (nothing before).
+void (*g_publishPositions)() = nullptr;
 
 // Zoom position above which the tele end uses the low-noise filter profile.
 constexpr uint16_t kFilterZoomSplit = 5682;
@@ -176,7 +168,8 @@ bool check_restart() {
         g_startFresh = 1;
     }
     if (zoom_changed) {
-        g_publishPositions();
+        if (g_publishPositions != nullptr)
+            g_publishPositions();
         focused_range_reset();
         g_firstAfterZoom = 1;
         if (g_lastZoom <= kFilterZoomSplit && z > kFilterZoomSplit && g_lastZoom != 10000) {
@@ -492,9 +485,9 @@ void search_frame() {
     }
     // 3. Divider.
     if (g_searchPhase == 2) {
-        if (g_slowDivider)
+        if (af_slow_divider())
             af_set_slow_divider(false);
-    } else if (!g_slowDivider) {
+    } else if (!af_slow_divider()) {
         af_set_slow_divider(true);
         return;
     }
@@ -638,11 +631,10 @@ int32_t af_far_offset(uint8_t row) {
 }
 
 uint8_t af_slow_divider() {
-    return g_slowDivider;
+    return get_af_slow();
 }
 
 void af_set_slow_divider(bool slow) {
-    g_slowDivider = slow ? 1 : 0;
     set_af_divider(slow);
 }
 
@@ -725,7 +717,7 @@ void AfFrame() {
     if (g_ptHold == 0) {
         switch (g_afState) {
             case 0:
-                if (!g_slowDivider) {
+                if (!af_slow_divider()) {
                     af_set_slow_divider(true);
                     break;
                 }
@@ -752,7 +744,7 @@ void AfFrame() {
                     g_sceneResult.decision = 0;
                 break;
             case 2:
-                if (!g_slowDivider) {
+                if (!af_slow_divider()) {
                     af_set_slow_divider(true);
                     break;
                 }
@@ -828,8 +820,8 @@ void refresh_window_mask(uint8_t use_isp) {
     g_fullMaskFlag = 0;
 }
 
-void af_set_position_publisher_for_testing(void (*publish)()) {
-    g_publishPositions = publish ? publish : command_publish_positions;
+void af_set_position_publisher(void (*publish)()) {
+    g_publishPositions = publish;
 }
 
 void af_reset_for_testing() {
@@ -858,7 +850,7 @@ void af_reset_for_testing() {
     g_startFresh = 0;
     g_focusDone = 0;
     g_noPeak = 0;
-    g_slowDivider = 0;
+    set_af_slow(0);
     g_stateOneFrames = 0;
     g_hooksInstalled = 0;
     g_upwardMarker = 0;

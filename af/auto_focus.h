@@ -3,18 +3,8 @@
 
 #include <cstdint>
 
-// AF state: 0 start (a search is being prepared), 1 searching, 2 focused (watching).
-extern volatile uint8_t g_afState;
-extern volatile uint8_t g_refocusRequest;
-extern volatile uint8_t g_returnToLast;
-extern volatile uint8_t g_oneShotStage;
-
-// Set by every tracked zoom step; autofocus clears it on its next frame.
-extern volatile uint8_t g_zoomMotionMarker;
-// Set while the focus is being moved by hand (motion commands); zoom-then-focus clears it.
-extern volatile uint8_t g_manualFocusMove;
-// Focus position at the end of the last search or zoom step.
-extern volatile uint16_t g_lastAfPos;
+// The flags other modules share with the autofocus (g_afState, g_refocusRequest, ...).
+#include "base/af_status.h"
 
 // 1 while the slow AF frame divider is in force.
 uint8_t af_slow_divider();
@@ -32,5 +22,7 @@ void refresh_window_mask(uint8_t use_isp);
 
 // Every autofocus module back to its power-on state (tests).
 void af_reset_for_testing();
-// Replaces the position publishing a zoom restart does (nullptr restores it).
-void af_set_position_publisher_for_testing(void (*publish)());
+// The position publishing a restart after a zoom does at once, so that the control software sees
+// where the zoom ended before the search moves the focus. The command channel owns the published
+// record and sits above autofocus, so start-up installs it here; nullptr publishes nothing.
+void af_set_position_publisher(void (*publish)());

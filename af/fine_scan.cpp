@@ -11,7 +11,7 @@
 #include "af/af_seams.h"
 #include "af/af_state.h"
 #include "af/focus_zone.h"
-#include "app/frame_pacing.h"
+#include "base/frame_pacing.h"
 #include "isp/highlight.h"
 #include "lens_api/lens_position.h"
 #include "platform/clock.h"

@@ -24,8 +24,6 @@ struct WindowPreset {
 };
 
 WindowPreset g_preset;
-// The preset number as the command channel wrote it; the rebuild picks it up.
-volatile uint8_t g_presetRequest = 3;
 
 constexpr uint8_t kInner[9] = {6, 7, 8, 11, 12, 13, 16, 17, 18};
 
@@ -64,7 +62,8 @@ void build_preset() {
 }
 
 void sync_preset() {
-    const uint8_t requested = g_presetRequest > 3 ? 1 : g_presetRequest;
+    const uint8_t written = get_window_preset();
+    const uint8_t requested = written > 3 ? 1 : written;
     if (requested != g_preset.number) {
         g_preset.number = requested;
         g_blockPath = requested == 3 ? 1 : 0;
@@ -142,15 +141,6 @@ uint8_t FocusZone::selected_count() const {
     return n;
 }
 
-uint8_t get_window_preset() {
-    return g_presetRequest;
-}
-
-void set_window_preset(uint8_t preset) {
-    // Written by the command thread; the main thread rebuilds the preset when it next reads it.
-    g_presetRequest = preset;
-}
-
 const uint8_t* window_preset_flags() {
     sync_preset();
     return g_preset.flags;
@@ -179,7 +169,7 @@ void focus_zone_reset_for_testing() {
     g_windowAverage = 0;
     g_pointLightMeasure = 0;
     g_presetFlag = 1;
-    g_presetRequest = 3;
+    set_window_preset(3);
     g_preset = WindowPreset();
     build_preset();
     highlight_set_block_weights(g_focusZone.blockMask);

@@ -8,6 +8,7 @@
 
 #include <cstdint>
 
+#include "base/command_state.h"
 #include "isp/af_stat.h"
 
 struct FocusZone {
@@ -48,9 +49,8 @@ extern uint8_t g_pointLightMeasure;
 // 1 while the window preset limits the zone (low light); 0 lets every window take part.
 extern uint8_t g_presetFlag;
 
-// Window preset ("region") 0..3; 3 is the inner 3 x 3 measured over blocks.
-uint8_t get_window_preset();
-void set_window_preset(uint8_t preset);
+// The window preset number (get_window_preset, set_window_preset) is the command channel's
+// setting, in base/command_state.h; the preset's windows are built here from it.
 // 25 window flags of the preset, and its window range [first, last).
 const uint8_t* window_preset_flags();
 uint8_t window_preset_first();

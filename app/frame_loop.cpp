@@ -1,7 +1,7 @@
 #include "app/frame_loop.h"
 
 #include "af/auto_focus.h"
-#include "app/frame_pacing.h"
+#include "base/frame_pacing.h"
 #include "command/command_process.h"
 #include "command/track_input.h"
 #include "isp/af_stat.h"

@@ -9,9 +9,9 @@
 #include <cstring>
 
 #include "af/auto_focus.h"
-#include "app/dbgout.h"
 #include "app/frame_loop.h"
-#include "app/frame_pacing.h"
+#include "base/dbgout.h"
+#include "base/frame_pacing.h"
 #include "command/command_process.h"
 #include "isp/isp_link.h"
 #include "lens_api/gpio_pins.h"
@@ -75,6 +75,14 @@ void report_homing(uint8_t result) {
 
 }  // namespace
 
+void connect_modules() {
+    // Lower modules read what the higher ones own through these, so that no include reaches up:
+    // the automatic iris the ISP's exposure luma, a restart after a zoom the command channel's
+    // position publishing.
+    iris_set_brightness_source(get_exp_luma);
+    af_set_position_publisher(command_publish_positions);
+}
+
 uint8_t get_isp_index() {
     return g_ispIndex;
 }
@@ -108,6 +116,7 @@ int afd_main(int argc, char** argv) {
     // so that every message arrives when it is printed.
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     platform::select_backends_from_env();
+    connect_modules();
 
     // 1-4
     traceout("%s: af thread start \n", dbg_timestamp());

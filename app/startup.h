@@ -11,6 +11,10 @@ uint8_t get_isp_index();
 // MS41908 bus number). Unknown words are ignored; a trailing "spi" with no number is ignored.
 void parse_command_line(int argc, char** argv);
 
+// Hands the lower modules the operations of higher ones they call back: the iris its brightness
+// source (the ISP link's exposure luma), autofocus the command channel's position publishing.
+void connect_modules();
+
 // SIGQUIT handler: reports the signal and lets the daemon run on.
 void HandleExitSig(int signo);
 

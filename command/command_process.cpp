@@ -16,8 +16,8 @@
 
 #include "af/auto_focus.h"
 #include "af/focus_zone.h"
-#include "app/dbgout.h"
-#include "app/frame_pacing.h"
+#include "base/dbgout.h"
+#include "base/frame_pacing.h"
 #include "command/track_input.h"
 #include "data/lens_tables.h"
 #include "lens_api/gpio_pins.h"
@@ -37,7 +37,6 @@
 namespace {
 
 constexpr size_t kMaxDatagram = 256;
-constexpr uint16_t kMaxEzoom = 1012;
 constexpr const char* kPositionDevice = "/dev/sm_af_zoom_focus_value";
 constexpr const char* kFile = "command_process";
 constexpr const char* kFunc = "Message_Process";
@@ -71,10 +70,7 @@ struct CommandState {
 
     // Records.
     MotionCommand motion{};
-    std::atomic<uint8_t> zoom_motion_active{0};
     std::atomic<uint8_t> prev_motion_active{0};
-    std::atomic<uint8_t> autofocus_mode{0};
-    std::atomic<uint8_t> calibration_mode{0};
     uint8_t calibration_command = 0;
     uint8_t autoiris_en = 1;
     uint8_t fno = 0;
@@ -82,17 +78,12 @@ struct CommandState {
     uint8_t mode_record[3] = {20, 4, 27};
     std::atomic<uint8_t> error{1};
     char status_text[129] = {};  // 128 bytes of text, always terminated
-    std::atomic<uint16_t> ezoom_enable{1};
-    std::atomic<uint32_t> ezoom_current{0};
-    std::atomic<uint16_t> max_ezoom{0};
     int16_t rehome_focus = 0;
     int16_t rehome_zoom = 0;
     uint16_t roi[6] = {1080, 1920, 0, 0, 1920, 1080};
     uint8_t fov[kFovTableSize] = {};
     float step_angle[kMagSteps] = {};
     uint16_t counter = 8192;
-    std::atomic<uint8_t> pt_moving{0};
-    std::atomic<uint8_t> focus_stop{0};
     std::atomic<uint8_t> zone_type4{0};
     std::atomic<int32_t> saved_zoom_target{-1};
 
@@ -133,24 +124,24 @@ void send_reply(const uint8_t* buf, size_t len) {
 
 // Position record, refreshed from the lens and the electronic zoom.
 void position_record(uint8_t* out) {
-    const uint16_t ez = static_cast<uint16_t>(g_cmd.ezoom_current);
+    const uint16_t ez = static_cast<uint16_t>(command_get_ezoom());
     put16(out + 0, static_cast<uint16_t>(lens_get_zoom_pos() + ez));
     put16(out + 2, lens_get_focus_pos());
-    put16(out + 4, static_cast<uint16_t>(lens_get_zoom_max() + g_cmd.max_ezoom));
+    put16(out + 4, static_cast<uint16_t>(lens_get_zoom_max() + command_get_max_ezoom()));
     put16(out + 6, lens_get_focus_max());
     put16(out + 8, lens_get_zoom_min());
     put16(out + 10, lens_get_focus_min());
     put16(out + 12, ez);
-    put16(out + 14, g_cmd.max_ezoom);
+    put16(out + 14, command_get_max_ezoom());
 }
 
 // Refreshes the fields of the MotionCommand that mirror other state.
 void refresh_move_and_af() {
-    g_cmd.motion.move = g_cmd.zoom_motion_active;
-    g_cmd.motion.autofocus_mode = g_cmd.autofocus_mode;
+    g_cmd.motion.move = command_zoom_motion_active();
+    g_cmd.motion.autofocus_mode = command_autofocus_mode();
 }
 void refresh_zone(bool report_type4) {
-    g_cmd.motion.move = g_cmd.zoom_motion_active;
+    g_cmd.motion.move = command_zoom_motion_active();
     g_cmd.motion.region = get_window_preset();
     g_cmd.motion.zone_type = (report_type4 && g_cmd.zone_type4) ? 4 : g_zoneType;
 }
@@ -219,7 +210,7 @@ void handle_read(uint8_t* buf, size_t len, const sockaddr_in& from) {
         case 3: {
             const bool to_sender = len >= 4 && buf[2] == 0xAA && buf[3] == 0x55;
             buf[2] = g_cmd.calibration_command;
-            buf[3] = g_cmd.calibration_mode;
+            buf[3] = command_calibration_mode();
             if (to_sender) {
                 send_to(buf, 4, from);
             } else {
@@ -249,7 +240,7 @@ void handle_read(uint8_t* buf, size_t len, const sockaddr_in& from) {
             }
             p += 18;
             p[0] = g_cmd.calibration_command;
-            p[1] = g_cmd.calibration_mode;
+            p[1] = command_calibration_mode();
             p[2] = g_cmd.autoiris_en;
             p[3] = g_cmd.fno;
             p += 4;
@@ -262,7 +253,7 @@ void handle_read(uint8_t* buf, size_t len, const sockaddr_in& from) {
             std::memcpy(p, g_cmd.mode_record, 3);
             p += 3;
             *p++ = g_cmd.error;
-            put16(p, g_cmd.ezoom_enable);
+            put16(p, command_get_ezoom_enable());
             send_reply(buf, 58);
             break;
         }
@@ -271,7 +262,7 @@ void handle_read(uint8_t* buf, size_t len, const sockaddr_in& from) {
             send_to(buf, 130, from);
             break;
         case 13:
-            put16(buf + 2, g_cmd.ezoom_enable);
+            put16(buf + 2, command_get_ezoom_enable());
             send_reply(buf, 4);
             break;
         case 14: {
@@ -279,8 +270,8 @@ void handle_read(uint8_t* buf, size_t len, const sockaddr_in& from) {
             // where the counts said it was. Non-zero results mean lost steps.
             const uint16_t z0 = lens_get_zoom_pos();
             const uint16_t f0 = lens_get_focus_pos();
-            g_cmd.autofocus_mode = 0;
-            g_cmd.zoom_motion_active = 0;
+            command_set_autofocus_mode(0);
+            command_set_zoom_motion_active(0);
             lens_motor_rehome();
             g_cmd.rehome_focus = static_cast<int16_t>(lc_focus_travel() + f0 - 2400);
             g_cmd.rehome_zoom = static_cast<int16_t>(lc_zoom_travel() + z0 - 6378);
@@ -289,7 +280,7 @@ void handle_read(uint8_t* buf, size_t len, const sockaddr_in& from) {
             send_reply(buf, 6);
             dbg_info(kFile, kFunc, 1439, "focus = %d\n", g_cmd.rehome_focus);
             dbg_info(kFile, kFunc, 1440, "zoom = %d\n", g_cmd.rehome_zoom);
-            g_cmd.autofocus_mode = 1;
+            command_set_autofocus_mode(1);
             break;
         }
         case 20:
@@ -316,10 +307,10 @@ void motion_sub_command(const MotionCommand& m, const uint8_t* payload) {
                 g_refocusRequest = 1;
             if (m.autofocus_mode == 0)
                 g_returnToLast = 1;
-            g_cmd.autofocus_mode = m.autofocus_mode;
+            command_set_autofocus_mode(m.autofocus_mode);
             break;
         case 9:
-            g_cmd.zoom_motion_active = 0;
+            command_set_zoom_motion_active(0);
             break;
         case 10:
             if (m.zone_type >= 1 && m.zone_type <= 3) {
@@ -335,7 +326,7 @@ void motion_sub_command(const MotionCommand& m, const uint8_t* payload) {
             break;
         case 12: {
             std::lock_guard<std::mutex> lock(g_cmd.motion_lock);
-            g_cmd.zoom_motion_active = 1;
+            command_set_zoom_motion_active(1);
             g_cmd.motion = m;
             refresh_move_and_af();
             if (g_cmd.motion.zoom_speed > 7)
@@ -345,15 +336,15 @@ void motion_sub_command(const MotionCommand& m, const uint8_t* payload) {
             break;
         }
         case 13:
-            g_cmd.focus_stop = 1;
+            command_set_focus_stop_request();
             break;
         case 14:
             traceout("%s: pt move\n", dbg_timestamp());
-            g_cmd.pt_moving = 1;
+            command_set_pt_moving(1);
             break;
         case 15:
             traceout("%s: pt stop\n", dbg_timestamp());
-            g_cmd.pt_moving = 0;
+            command_set_pt_moving(0);
             break;
         case 16:
             if (payload[1] == 0) {
@@ -375,7 +366,7 @@ void motion_command(MotionCommand m) {
     if (m.mode == 1)
         g_cmd.saved_zoom_target = m.zoom_target;
     bool clear_saved = false;
-    if (m.mode == 5 && g_cmd.zoom_motion_active == 1 && g_returnToLast == 1 &&
+    if (m.mode == 5 && command_zoom_motion_active() == 1 && g_returnToLast == 1 &&
         g_cmd.saved_zoom_target >= 0) {
         // Focus-to-target during a return to the last position: finish the interrupted zoom.
         m.zoom_target = static_cast<uint16_t>(g_cmd.saved_zoom_target);
@@ -388,16 +379,16 @@ void motion_command(MotionCommand m) {
         if (m.zoom_dir == 0) {
             start = zoom != zmin;
         } else if (m.zoom_dir == 1) {
-            start = zoom != zmax || g_cmd.ezoom_current != g_cmd.max_ezoom;
+            start = zoom != zmax || command_get_ezoom() != command_get_max_ezoom();
         } else {
             start = false;
         }
     } else if (m.mode == 1) {
-        start = zoom != m.zoom_target || g_cmd.ezoom_current != m.ezoom_target;
+        start = zoom != m.zoom_target || command_get_ezoom() != m.ezoom_target;
     }
     std::lock_guard<std::mutex> lock(g_cmd.motion_lock);
     if (start)
-        g_cmd.zoom_motion_active = 1;
+        command_set_zoom_motion_active(1);
 
     g_cmd.motion = m;
     if (clear_saved)
@@ -408,7 +399,7 @@ void motion_command(MotionCommand m) {
         g_cmd.motion.zoom_target = zmax;
     }
     refresh_move_and_af();
-    if (g_cmd.autofocus_mode == 0 && (m.mode == 4 || m.mode == 5))
+    if (command_autofocus_mode() == 0 && (m.mode == 4 || m.mode == 5))
         zoom_track_clear_active();
     if (g_cmd.motion.zoom_speed > 8)
         g_cmd.motion.zoom_speed = 8;
@@ -452,7 +443,7 @@ void lens_reset(uint8_t value) {
     }
     // The counts restart at the home positions: zoom back to where the lens was.
     if (lens_get_zoom_pos() != zoom_target)
-        g_cmd.zoom_motion_active = 1;
+        command_set_zoom_motion_active(1);
     iris_drive_publish(2300);
 }
 
@@ -524,29 +515,29 @@ void handle_write(uint8_t* buf, size_t len) {
             g_cmd.calibration_command = p[0];
             switch (p[0]) {
                 case 1:
-                    offset_load();
-                    g_cmd.calibration_mode = kCalCurve;
+                    lens_load_offsets();
+                    command_set_calibration_mode(kCalCurve);
                     break;
                 case 2:
-                    offset_load();
+                    lens_load_offsets();
                     curve_calibration_set_variant(1);
-                    g_cmd.calibration_mode = kCalCurve;
+                    command_set_calibration_mode(kCalCurve);
                     break;
                 case 3:
-                    offset_load();
+                    lens_load_offsets();
                     curve_calibration_set_variant(0);
-                    g_cmd.calibration_mode = kCalCurve;
+                    command_set_calibration_mode(kCalCurve);
                     break;
                 case 4:
-                    g_cmd.calibration_mode = kCalIris;
+                    command_set_calibration_mode(kCalIris);
                     iris_correct_step(0);
                     break;
                 case 5:
-                    g_cmd.calibration_mode = kCalHall;
+                    command_set_calibration_mode(kCalHall);
                     break;
                 case 6:
-                    offset_load();
-                    g_cmd.calibration_mode = kCalSix;
+                    lens_load_offsets();
+                    command_set_calibration_mode(kCalSix);
                     break;
                 default:
                     break;
@@ -575,7 +566,7 @@ void handle_write(uint8_t* buf, size_t len) {
         case 13:
             if (!long_enough('w', id, len, 4))
                 return;
-            g_cmd.ezoom_enable = get16(p) > 1 ? 1 : get16(p);
+            command_set_ezoom_enable(get16(p) > 1 ? 1 : get16(p));
             break;
         case 16:
             if (!long_enough('w', id, len, 3))
@@ -636,6 +627,7 @@ void* message_thread(void*) {
 
 void command_sockets_open() {
     const platform::PortConfig& cfg = platform::ports();
+    command_set_ezoom_notifier(notify_ezoom);
     g_cmd.reply_addr = sockaddr_in{};
     g_cmd.reply_addr.sin_family = AF_INET;
     g_cmd.reply_addr.sin_port = htons(cfg.reply_port);
@@ -676,12 +668,11 @@ uint16_t command_get_port() {
 
 void command_state_init() {
     // Electronic zoom back to none, and the control software told so.
-    g_cmd.ezoom_current = 0;
+    command_reset_ezoom();
     notify_ezoom(0);
-    g_cmd.max_ezoom = 0;
 
     // The start-up motion: the default command zooms to the wide end.
-    g_cmd.zoom_motion_active = 1;
+    command_set_zoom_motion_active(1);
     std::unique_lock<std::mutex> motion_lock(g_cmd.motion_lock);
     g_cmd.motion = MotionCommand{};
     g_cmd.motion.focus_speed = 7;
@@ -692,12 +683,12 @@ void command_state_init() {
     motion_lock.unlock();
     g_zoneType = 2;
     set_window_preset(3);
-    g_cmd.autofocus_mode = 1;
+    command_set_autofocus_mode(1);
 
     g_cmd.autoiris_en = 1;
     g_cmd.fno = 0;
     g_cmd.calibration_command = 0;
-    g_cmd.calibration_mode = 0;
+    command_set_calibration_mode(0);
     g_cmd.mode_record[0] = 20;
     g_cmd.mode_record[1] = 4;
     g_cmd.mode_record[2] = 27;
@@ -705,14 +696,14 @@ void command_state_init() {
     g_cmd.day_night[1] = 200;
     g_cmd.day_night[2] = 40;
     iris_set_day_night(g_cmd.day_night[0], g_cmd.day_night[1], g_cmd.day_night[2]);
-    g_cmd.ezoom_enable = 1;
+    command_set_ezoom_enable(1);
     g_cmd.error = 1;
     g_cmd.counter = 8192;
     iris_table_load();
     g_refocusRequest = 1;
     if (version_check() != 1)
         version_write();
-    offset_load();
+    lens_load_offsets();
 
     const uint16_t roi[6] = {1080, 1920, 0, 0, 1920, 1080};
     std::memcpy(g_cmd.roi, roi, sizeof roi);
@@ -763,7 +754,7 @@ void command_publish_positions() {
         for (int i = 0; i < 16; ++i)
             g_cmd.publish_map[i] = rec[i];
     }
-    const uint8_t now = g_cmd.zoom_motion_active;
+    const uint8_t now = command_zoom_motion_active();
     if (g_cmd.prev_motion_active == 1 && now == 0) {
         uint8_t msg[2 + kMotionCommandWireSize] = {'r', 0};
         {
@@ -776,68 +767,13 @@ void command_publish_positions() {
     g_cmd.prev_motion_active = now;
 }
 
-uint8_t command_zoom_motion_active() {
-    return g_cmd.zoom_motion_active;
-}
-void command_set_zoom_motion_active(uint8_t on) {
-    g_cmd.zoom_motion_active = on;
-}
 MotionCommand command_motion_copy() {
     std::lock_guard<std::mutex> lock(g_cmd.motion_lock);
     return g_cmd.motion;
 }
 
-uint8_t command_calibration_mode() {
-    return g_cmd.calibration_mode;
-}
-void command_set_calibration_mode(uint8_t mode) {
-    g_cmd.calibration_mode = mode;
-}
-
-uint8_t command_autofocus_mode() {
-    return g_cmd.autofocus_mode;
-}
-void command_set_autofocus_mode(uint8_t mode) {
-    g_cmd.autofocus_mode = mode;
-}
-
-uint8_t command_pt_moving() {
-    return g_cmd.pt_moving;
-}
-uint8_t command_focus_stop_request() {
-    return g_cmd.focus_stop;
-}
-void command_clear_focus_stop_request() {
-    g_cmd.focus_stop = 0;
-}
 uint8_t command_zone_type4() {
     return g_cmd.zone_type4;
-}
-
-void command_set_ezoom(uint32_t value) {
-    if (g_cmd.ezoom_enable == 0)
-        return;
-    if (value > kMaxEzoom)
-        value = kMaxEzoom;
-    if (value != g_cmd.ezoom_current)
-        notify_ezoom(static_cast<uint16_t>(value));
-    g_cmd.ezoom_current = value;
-}
-uint32_t command_get_ezoom() {
-    return g_cmd.ezoom_current;
-}
-uint16_t command_get_max_ezoom() {
-    return g_cmd.max_ezoom;
-}
-void command_set_max_ezoom(uint16_t value) {
-    if (value > kMaxEzoom)
-        value = kMaxEzoom;
-    if (value < g_cmd.ezoom_current)
-        command_set_ezoom(value);
-    g_cmd.max_ezoom = value;
-}
-uint16_t command_get_ezoom_enable() {
-    return g_cmd.ezoom_enable;
 }
 
 void command_set_homing_error(uint8_t error) {

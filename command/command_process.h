@@ -13,6 +13,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "base/command_state.h"
 #include "command/motion_command.h"
 
 // ---- Start-up and the thread ----
@@ -35,35 +36,11 @@ void command_process_datagram(const uint8_t* data, size_t len, const sockaddr_in
 void command_publish_positions();
 
 // ---- Motion and modes ----
+// The modes, flags and electronic zoom that lower modules read are in base/command_state.h.
 
-uint8_t command_zoom_motion_active();
-void command_set_zoom_motion_active(uint8_t on);
 MotionCommand command_motion_copy();
-
-// Calibration mode: 0 none, 1 curve calibration, 4 iris correction, 5 hall calibration, 6.
-uint8_t command_calibration_mode();
-void command_set_calibration_mode(uint8_t mode);
-
-// Autofocus mode (autofocus_en): 0 off, 1 continuous, 2 once and hold, 3 single search.
-uint8_t command_autofocus_mode();
-void command_set_autofocus_mode(uint8_t mode);
-
-// Pan/tilt head moving (sub-commands 14 and 15).
-uint8_t command_pt_moving();
-// Focus-stop request (sub-command 13): read and cleared by the motion executor.
-uint8_t command_focus_stop_request();
-void command_clear_focus_stop_request();
 // Zone type 4 requested (the zone type is then 3 with this flag set).
 uint8_t command_zone_type4();
-
-// ---- Electronic zoom ----
-
-// Sets the electronic zoom (0..1012) when enabled; notifies "w" 11 when it changes.
-void command_set_ezoom(uint32_t value);
-uint32_t command_get_ezoom();
-uint16_t command_get_max_ezoom();
-void command_set_max_ezoom(uint16_t value);
-uint16_t command_get_ezoom_enable();
 
 // ---- Status ----
 

@@ -3,7 +3,7 @@
 #include <array>
 #include <cstring>
 
-#include "app/frame_pacing.h"
+#include "base/frame_pacing.h"
 #include "isp/af_stat.h"
 #include "isp/isp_link.h"
 

@@ -2,7 +2,7 @@
 
 #include <atomic>
 
-#include "af/focus_zone.h"
+#include "base/command_state.h"
 #include "lens_api/lens_position.h"
 
 namespace {

@@ -14,7 +14,7 @@
 #include <cstring>
 #include <mutex>
 
-#include "app/dbgout.h"
+#include "base/dbgout.h"
 #include "data/frame_stamp.h"
 #include "isp/af_stat.h"
 #include "isp/isp_inputs.h"

@@ -10,6 +10,9 @@
 
 #include <cstdint>
 
+#include "store/ini_value.h"  // ini_get_value, the pin file's lookup
+#include "store/lens_data.h"  // kPinFilePath
+
 // Vendor GPIO requests, _IOW('B', 0x65..0x6A, int).
 inline constexpr unsigned long kGpioReqResetMid = 0x40044265;  // middle step of the reset pulse
 inline constexpr unsigned long kGpioReqOutHigh = 0x40044266;   // reset pulse ends; vd as output
@@ -19,7 +22,6 @@ inline constexpr unsigned long kGpioReqInput = 0x40044269;     // configure an i
 inline constexpr unsigned long kGpioReqRead = 0x4004426A;      // read a pin's level
 
 inline constexpr const char* kGpioDevicePath = "/dev/vhd_gpio";
-inline constexpr const char* kPinFilePath = "/data/af_gpio_pin.ini";
 // Only this much of the pin file is read.
 inline constexpr uint16_t kPinFileMax = 256;
 
@@ -30,11 +32,6 @@ struct GpioPins {
     uint16_t pls;       // busy output of the driver (input)
     uint16_t reset;     // driver reset (output)
 };
-
-// Looks up key in text: the first occurrence, then the decimal number right behind it (leading
-// blanks skipped, stops at the first non-digit, no digits give 0), low 16 bits. A missing key,
-// or a key that occurs again after the end of its line, gives def.
-uint32_t ini_get_value(const char* text, const char* key, uint16_t def);
 
 // Reads the pin file (missing file: default pins, bus number unchanged) and opens the GPIO device
 // ("open vhd_gpio failed " when it cannot).

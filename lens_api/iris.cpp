@@ -4,8 +4,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include "command/command_process.h"
-#include "isp/isp_link.h"
+#include "base/command_state.h"
 #include "lens_api/lens_driver.h"
 #include "lens_api/lens_position.h"
 #include "platform/paths.h"
@@ -50,7 +49,9 @@ struct IrisState {
     volatile uint8_t* map = nullptr;
 };
 
-uint32_t (*g_brightness)() = get_exp_luma;
+// Mean exposure luma of the last frame: the ISP link's exposure record, installed at start-up
+// (the ISP link sits above the lens hardware). Without a source the loop does not run.
+uint32_t (*g_brightness)() = nullptr;
 
 IrisState g_iris;
 
@@ -270,6 +271,8 @@ void auto_iris_step() {
                 return;
         }
     }
+    if (g_brightness == nullptr)
+        return;
     const uint32_t B = g_brightness();
     if (g_iris.phase == 0) {
         g_iris.phase = 1;
@@ -306,6 +309,6 @@ void iris_reset_for_testing() {
     g_iris.map = nullptr;
 }
 
-void iris_set_brightness_source_for_testing(uint32_t (*source)()) {
-    g_brightness = source != nullptr ? source : get_exp_luma;
+void iris_set_brightness_source(uint32_t (*source)()) {
+    g_brightness = source;
 }

@@ -41,5 +41,6 @@ uint16_t iris_get_value();
 
 // Back to the power-on state (tests).
 void iris_reset_for_testing();
-// Replaces the brightness source of the automatic loop (tests); nullptr restores the ISP's.
-void iris_set_brightness_source_for_testing(uint32_t (*source)());
+// Brightness source of the automatic loop: the mean exposure luma (0..255) the ISP reports.
+// Start-up installs the ISP link's; nullptr stops the loop.
+void iris_set_brightness_source(uint32_t (*source)());

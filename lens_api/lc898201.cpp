@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "app/dbgout.h"
+#include "base/dbgout.h"
 #include "lens_api/spi_link.h"
 #include "platform/clock.h"
 

@@ -1,6 +1,6 @@
 #include "lens_api/lens_driver.h"
 
-#include "app/dbgout.h"
+#include "base/dbgout.h"
 #include "lens_api/gpio_pins.h"
 #include "lens_api/iris.h"
 #include "lens_api/lc898201.h"
@@ -8,6 +8,7 @@
 #include "lens_api/lens_position.h"
 #include "lens_api/spi_link.h"
 #include "platform/clock.h"
+#include "store/offsets.h"
 
 namespace {
 
@@ -87,6 +88,20 @@ uint8_t lens_motor_rehome() {
 
 void lens_set_ops_for_testing(const LensDriverOps* ops) {
     g_driver.override_ops = ops;
+}
+
+void lens_load_offsets() {
+    if (offset_load() != 0)
+        return;
+    const OffsetValues& v = offset_values();
+    lens_set_focus_backlash(v.focus_backlash);
+    lens_set_zoom_backlash(v.zoom_backlash);
+    LcSettings lc = lc_get_settings();
+    lc.iris_offset = v.iris_offset;
+    lc.bias_offset = v.bias_offset;
+    lc.zoom_gain = v.zoom_gain;
+    lc.focus_gain = v.focus_gain;
+    lc_set_settings(lc);
 }
 
 void lens_driver_reset_for_testing() {

@@ -58,6 +58,10 @@ uint8_t lens_motor_init();
 // The same without the chip set-up (re-homing on request).
 uint8_t lens_motor_rehome();
 
+// Loads the calibration-offset file and applies it: motor backlash, and the LC898201's Hall
+// offset and bias and drive gains. A missing file changes nothing.
+void lens_load_offsets();
+
 // Replaces the table (tests that drive the homing logic through a fake chip). nullptr restores
 // the table chosen by lens_detect_chip.
 void lens_set_ops_for_testing(const LensDriverOps* ops);

@@ -3,7 +3,7 @@
 #include <atomic>
 #include <mutex>
 
-#include "app/dbgout.h"
+#include "base/dbgout.h"
 #include "lens_api/gpio_pins.h"
 #include "lens_api/spi_link.h"
 #include "platform/clock.h"

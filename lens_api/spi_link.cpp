@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "app/dbgout.h"
+#include "base/dbgout.h"
 #include "platform/spi.h"
 
 namespace {

@@ -7,8 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "app/dbgout.h"
-#include "lens_api/gpio_pins.h"
+#include "base/dbgout.h"
 #include "platform/clock.h"
 #include "platform/paths.h"
 #include "store/atomic_file.h"

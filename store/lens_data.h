@@ -17,6 +17,7 @@ inline constexpr const char* kLensParamPath = "/data/lens_parameter.dat";
 inline constexpr const char* kIrisFilePath = "/data/iris_data.dat";
 inline constexpr const char* kOffsetFilePath = "/data/af_data.dat";
 inline constexpr const char* kMarkerFilePath = "/data/QX-714B";
+inline constexpr const char* kPinFilePath = "/data/af_gpio_pin.ini";
 
 inline constexpr int kCurveEntries = 209;
 inline constexpr uint16_t kCurveFullForm = 0xAA44;      // all points measured

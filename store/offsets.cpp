@@ -5,11 +5,9 @@
 #include <cstring>
 #include <initializer_list>
 
-#include "app/dbgout.h"
-#include "lens_api/gpio_pins.h"
-#include "lens_api/lc898201.h"
-#include "lens_api/lens_position.h"
+#include "base/dbgout.h"
 #include "store/atomic_file.h"
+#include "store/ini_value.h"
 #include "store/lens_data.h"
 
 namespace {
@@ -19,13 +17,7 @@ constexpr int kVersionReadMax = 30;
 // Longest key line: the longest key, a blank, three digits and the newline.
 constexpr int kKeyLineMax = 32;
 
-struct OffsetSettings {
-    uint8_t curve_form = 0;
-    uint16_t iris_drive = 49139;
-    uint16_t hall_version = 0;
-};
-
-OffsetSettings g_offsets;
+OffsetValues g_offsets;
 
 const char* key_for_index(uint8_t index) {
     switch (index) {
@@ -86,30 +78,28 @@ int version_check() {
     return 1;
 }
 
-void offset_load() {
+int offset_load() {
     char text[kOffsetFileMax + 1];
     std::memset(text, 0, sizeof text);
     if (offset_file_read(text, kOffsetFileMax) != 0)
-        return;
+        return -1;
 
     uint32_t v = ini_get_value(text, "FOCUS_OFFSET =", 2);
-    lens_set_focus_backlash(static_cast<uint8_t>(v < 31 ? v : 2));
+    g_offsets.focus_backlash = static_cast<uint8_t>(v < 31 ? v : 2);
     v = ini_get_value(text, "ZOOM_OFFSET =", 1);
-    lens_set_zoom_backlash(static_cast<uint8_t>(v < 21 ? v : 1));
-
-    LcSettings lc = lc_get_settings();
+    g_offsets.zoom_backlash = static_cast<uint8_t>(v < 21 ? v : 1);
     v = ini_get_value(text, "IRIS_OFFSET =", 176);
-    lc.iris_offset = static_cast<uint8_t>(v >= 64 && v <= 240 ? v : 176);
+    g_offsets.iris_offset = static_cast<uint8_t>(v >= 64 && v <= 240 ? v : 176);
     v = ini_get_value(text, "BIAS_OFFSET =", 64);
-    lc.bias_offset = static_cast<uint8_t>(v >= 32 && v <= 96 ? v : 64);
+    g_offsets.bias_offset = static_cast<uint8_t>(v >= 32 && v <= 96 ? v : 64);
     g_offsets.curve_form = ini_get_value(text, "CURVE_OFFSET =", 0) == 1 ? 1 : 0;
     v = ini_get_value(text, "ZOOM_GAIN =", 204);
-    lc.zoom_gain = static_cast<uint8_t>(v < 256 ? v : 204);
+    g_offsets.zoom_gain = static_cast<uint8_t>(v < 256 ? v : 204);
     v = ini_get_value(text, "FOCUS_GAIN =", 204);
-    lc.focus_gain = static_cast<uint8_t>(v < 256 ? v : 204);
-    lc_set_settings(lc);
+    g_offsets.focus_gain = static_cast<uint8_t>(v < 256 ? v : 204);
     g_offsets.iris_drive = static_cast<uint16_t>(ini_get_value(text, "IRIS_DRIVE =", 49139));
     g_offsets.hall_version = static_cast<uint16_t>(ini_get_value(text, "HALL_VERSION =", 0));
+    return 0;
 }
 
 void offset_save(uint8_t index, uint8_t value) {
@@ -174,6 +164,9 @@ void offset_save_by_key(const char* key, int32_t value) {
     }
 }
 
+const OffsetValues& offset_values() {
+    return g_offsets;
+}
 uint8_t offset_curve_form() {
     return g_offsets.curve_form;
 }

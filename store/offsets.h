@@ -28,8 +28,24 @@ int version_write();
 // 1 the file holds this version, 0 another or none, -1 not opened.
 int version_check();
 
-// Applies every key of the offset file that is present; a missing file changes nothing.
-void offset_load();
+// The offset file's settings as last loaded, each already limited to its accepted range (a value
+// outside it, or a missing key, gives the key's default). The lens modules apply them
+// (lens_load_offsets); the store only keeps the file.
+struct OffsetValues {
+    uint8_t focus_backlash = 2;   // "FOCUS_OFFSET =", 0..30
+    uint8_t zoom_backlash = 1;    // "ZOOM_OFFSET =", 0..20
+    uint8_t iris_offset = 176;    // "IRIS_OFFSET =", 64..240
+    uint8_t bias_offset = 64;     // "BIAS_OFFSET =", 32..96
+    uint8_t zoom_gain = 204;      // "ZOOM_GAIN =", 0..255
+    uint8_t focus_gain = 204;     // "FOCUS_GAIN =", 0..255
+    uint8_t curve_form = 0;       // "CURVE_OFFSET =": 1 when the value is 1, else 0
+    uint16_t iris_drive = 49139;  // "IRIS_DRIVE =", kept only
+    uint16_t hall_version = 0;    // "HALL_VERSION =", kept only
+};
+
+// Reads the offset file into the record: 0 read, -1 missing (the record is left as it was).
+int offset_load();
+const OffsetValues& offset_values();
 // Rewrites the line of one key (moved to the end of the file); other indices change nothing. A
 // save that would make the file longer than is ever read back is refused with a message.
 void offset_save(uint8_t index, uint8_t value);

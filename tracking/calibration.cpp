@@ -1,6 +1,6 @@
 #include "tracking/calibration.h"
 
-#include "command/command_process.h"
+#include "base/command_state.h"
 
 namespace {
 volatile uint8_t g_calibrationVariant = 0;

@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "app/dbgout.h"
+#include "base/dbgout.h"
 #include "data/lens_tables.h"
 #include "lens_api/lc898201.h"
 #include "lens_api/lens_position.h"

@@ -1,7 +1,7 @@
 #include "tracking/motion.h"
 
-#include "af/auto_focus.h"
-#include "command/command_process.h"
+#include "base/af_status.h"
+#include "base/command_state.h"
 #include "lens_api/lens_position.h"
 #include "tracking/zoom_track.h"
 

@@ -8,7 +8,7 @@
 
 #include <cstdint>
 
-#include "command/motion_command.h"
+#include "data/command_wire.h"
 
 void motion_execute(const MotionCommand& cmd);
 

@@ -1,8 +1,8 @@
 #include "tracking/zoom_track.h"
 
-#include "af/auto_focus.h"
-#include "app/frame_pacing.h"
-#include "command/command_process.h"
+#include "base/af_status.h"
+#include "base/command_state.h"
+#include "base/frame_pacing.h"
 #include "isp/highlight.h"
 #include "lens_api/lens_position.h"
 #include "tracking/curves.h"

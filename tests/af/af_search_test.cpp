@@ -10,7 +10,7 @@
 #include "af/af_state.h"
 #include "af/auto_focus.h"
 #include "app/frame_loop.h"
-#include "app/frame_pacing.h"
+#include "base/frame_pacing.h"
 #include "command/command_process.h"
 #include "isp/af_stat.h"
 #include "isp/highlight.h"
@@ -116,10 +116,10 @@ class AfSearchTest : public ::testing::Test {
         command_set_zoom_motion_active(0);
         command_set_autofocus_mode(1);
         af_reset_for_testing();
-        af_set_position_publisher_for_testing(h_nop);
+        af_set_position_publisher(h_nop);
     }
     void TearDown() override {
-        af_set_position_publisher_for_testing(nullptr);
+        af_set_position_publisher(nullptr);
         command_set_autofocus_mode(0);
         platform::select_clock(nullptr);
         lens_set_ops_for_testing(nullptr);

@@ -10,7 +10,7 @@
 
 #include "af/af_state.h"
 #include "af/auto_focus.h"
-#include "app/frame_pacing.h"
+#include "base/frame_pacing.h"
 #include "command/command_process.h"
 #include "platform/clock.h"
 #include "platform/sim/virtual_clock.h"

@@ -17,7 +17,7 @@
 
 #include "af/auto_focus.h"
 #include "af/focus_zone.h"
-#include "app/frame_pacing.h"
+#include "base/frame_pacing.h"
 #include "data/lens_tables.h"
 #include "lens_api/lens_position.h"
 #include "platform/ports.h"

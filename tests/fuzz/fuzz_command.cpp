@@ -9,7 +9,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "app/dbgout.h"
+#include "base/dbgout.h"
 #include "command/command_process.h"
 #include "lens_api/lens_driver.h"
 #include "lens_api/lens_position.h"

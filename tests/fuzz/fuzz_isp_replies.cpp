@@ -15,7 +15,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "app/dbgout.h"
+#include "base/dbgout.h"
 #include "isp/af_stat.h"
 #include "isp/isp_link.h"
 #include "platform/clock.h"

@@ -10,7 +10,7 @@
 #include <set>
 #include <utility>
 
-#include "app/frame_pacing.h"
+#include "base/frame_pacing.h"
 #include "isp/af_stat.h"
 #include "isp/isp_inputs.h"
 #include "isp/isp_link.h"

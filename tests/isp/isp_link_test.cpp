@@ -20,7 +20,7 @@
 #include <vector>
 
 #include "app/frame_loop.h"
-#include "app/frame_pacing.h"
+#include "base/frame_pacing.h"
 #include "isp/af_stat.h"
 #include "isp/highlight.h"
 #include "isp/isp_inputs.h"

@@ -18,13 +18,13 @@ class IrisTest : public lensfake::Rig<> {
         ops_ = lens_ops();
         ops_.iris_drive = [](uint16_t v) { g_drives.push_back(v); };
         lens_set_ops_for_testing(&ops_);
-        iris_set_brightness_source_for_testing([] { return g_brightness; });
+        iris_set_brightness_source([] { return g_brightness; });
         command_set_zoom_motion_active(0);
         command_set_calibration_mode(0);
         g_drives.clear();
     }
     void TearDown() override {
-        iris_set_brightness_source_for_testing(nullptr);
+        iris_set_brightness_source(nullptr);
         Rig::TearDown();
     }
     // Starts from iris value `from` with the image at brightness `b`.

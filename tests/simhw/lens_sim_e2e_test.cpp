@@ -6,6 +6,7 @@
 #include <memory>
 #include <tuple>
 
+#include "lens_api/lens_driver.h"
 #include "platform/sim/sim_devices.h"
 #include "sim/hw/hw_server.h"
 #include "store/offsets.h"
@@ -49,7 +50,7 @@ class LensSimE2E : public lensfake::Rig<> {
             gpio_load_pins();
             gpio_reset_pulse();
             lens_detect_chip();
-            offset_load();
+            lens_load_offsets();
             *result = lens_motor_init();
         });
     }

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "lens_api/lc898201.h"
+#include "lens_api/lens_driver.h"
 #include "lens_api/lens_position.h"
 #include "store/lens_data.h"
 #include "store/offsets.h"
@@ -61,12 +62,12 @@ TEST_F(OffsetsTest, VersionFileIsWrittenAndChecked) {
 
 TEST_F(OffsetsTest, LoadAppliesInRangeValuesAndDefaultsTheRest) {
     capture_stdout([] { lens_set_zoom_backlash(7); });
-    EXPECT_EQ(capture_stdout([] { offset_load(); }), "");
+    EXPECT_EQ(capture_stdout([] { lens_load_offsets(); }), "");
     EXPECT_EQ(lens_get_zoom_backlash(), 7) << "a missing file changes nothing";
     put(kOffsetFilePath,
         "FOCUS_OFFSET = 40\nZOOM_OFFSET = 5\nIRIS_OFFSET = 241\nBIAS_OFFSET = 80\n"
         "ZOOM_GAIN = 150\nFOCUS_GAIN = 300\nCURVE_OFFSET = 1\nHALL_VERSION = 1\n");
-    capture_stdout([] { offset_load(); });
+    capture_stdout([] { lens_load_offsets(); });
     EXPECT_EQ(lens_get_focus_backlash(), 2) << "40 is not below 31";
     EXPECT_EQ(lens_get_zoom_backlash(), 5);
     const LcSettings lc = lc_get_settings();
@@ -117,7 +118,7 @@ TEST_F(OffsetsTest, SaveRewritesTheKeyLine) {
         capture_stdout(c.save);
         EXPECT_EQ(get(kOffsetFilePath), c.after) << (c.before != nullptr ? c.before : "(none)");
     }
-    capture_stdout([] { offset_load(); });
+    capture_stdout([] { lens_load_offsets(); });
     EXPECT_EQ(lc_get_settings().iris_offset, 131) << "a saved key loads back";
 }
 

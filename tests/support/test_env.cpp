@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <filesystem>
 
-#include "app/dbgout.h"
+#include "base/dbgout.h"
 #include "platform/paths.h"
 
 namespace testsupport {

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "af/auto_focus.h"
-#include "app/frame_pacing.h"
+#include "base/frame_pacing.h"
 #include "command/command_process.h"
 #include "isp/af_stat.h"
 #include "isp/highlight.h"

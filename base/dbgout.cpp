@@ -1,4 +1,4 @@
-#include "app/dbgout.h"
+#include "base/dbgout.h"
 
 #include <sys/stat.h>
 #include <syslog.h>

@@ -1,6 +1,4 @@
-#include "app/frame_pacing.h"
-
-#include "af/auto_focus.h"
+#include "base/frame_pacing.h"
 
 #include <atomic>
 
@@ -12,6 +10,8 @@ struct FramePacing {
     std::atomic<uint8_t> half_rate{0};
     std::atomic<uint8_t> motion_divisor{1};
     std::atomic<uint8_t> af_divisor{2};
+    // The autofocus asked for the slow divider (its phases that move and then judge).
+    std::atomic<uint8_t> af_slow{0};
     std::atomic<uint32_t> loop_paused{0};
     std::atomic<uint32_t> tracking_on{0};
 };
@@ -39,7 +39,7 @@ uint32_t get_image_height() {
 void update_frame_cadence() {
     const float fps = static_cast<float>(g_pacing.frame_rate.load());
     set_high_rate(fps >= 45.0f ? 1 : 0);
-    set_af_divider(af_slow_divider() == 1);
+    set_af_divider(g_pacing.af_slow == 1);
     set_half_rate(fps >= 90.0f ? 1 : 0);
 }
 
@@ -70,6 +70,7 @@ void set_af_divisor(uint32_t d) {
     g_pacing.af_divisor = (d >= 1 && d <= 3) ? static_cast<uint8_t>(d) : 1;
 }
 void set_af_divider(bool slow) {
+    g_pacing.af_slow = slow ? 1 : 0;
     const bool high = g_pacing.high_rate != 0;
     if (slow && high) {
         set_af_divisor(3);
@@ -78,6 +79,13 @@ void set_af_divider(bool slow) {
     } else {
         set_af_divisor(1);
     }
+}
+
+uint8_t get_af_slow() {
+    return g_pacing.af_slow;
+}
+void set_af_slow(uint8_t slow) {
+    g_pacing.af_slow = slow != 0 ? 1 : 0;
 }
 
 uint32_t get_loop_paused() {
@@ -113,6 +121,7 @@ void frame_pacing_reset_for_testing() {
     g_pacing.half_rate = 0;
     g_pacing.motion_divisor = 1;
     g_pacing.af_divisor = 2;
+    g_pacing.af_slow = 0;
     g_pacing.loop_paused = 0;
     g_pacing.tracking_on = 0;
 }

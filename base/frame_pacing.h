@@ -1,6 +1,7 @@
 // Frame-pacing state: the sensor frame rate learned by the frame loop and the cadence divisors
-// derived from it. Other modules read these through the getters; the frame loop and the
-// autofocus state machine are the only writers.
+// derived from it. It sits below every module that paces itself by the frame (ISP link,
+// zoom tracking, autofocus, command channel), which read it through the getters; the frame loop
+// and the autofocus state machine are the only writers.
 #pragma once
 
 #include <cstdint>
@@ -12,7 +13,8 @@ void set_frame_rate(uint32_t fps);  // the frame loop's classification only
 uint32_t get_image_width();
 uint32_t get_image_height();
 
-// Recomputes high_rate, the AF divisor and half_rate from frame_rate (not motion_divisor).
+// Recomputes high_rate, the AF divisor (keeping the autofocus's slow or fast choice) and
+// half_rate from frame_rate (not motion_divisor).
 void update_frame_cadence();
 
 uint8_t get_high_rate();
@@ -29,7 +31,11 @@ uint8_t get_af_divisor();
 void set_af_divisor(uint32_t d);  // values outside 1..3 store 1
 // AF divider for the autofocus state machine: 3 when slow and high_rate, 2 when only one of
 // them, 1 otherwise.
+// Remembers the choice, so that a frame-rate change keeps it.
 void set_af_divider(bool slow);
+// 1 while the autofocus has the slow divider in force.
+uint8_t get_af_slow();
+void set_af_slow(uint8_t slow);  // the choice alone, leaving the divisor as it is
 
 // Written by the command channel: 1 holds the frame loop idle.
 uint32_t get_loop_paused();

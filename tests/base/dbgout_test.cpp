@@ -1,6 +1,6 @@
 // Debug log: the copies on stdout and in the log file, the size cap with rewrite from the start,
 // re-creation after deletion, concurrent writers, the prefixed lines and the timestamp text.
-#include "app/dbgout.h"
+#include "base/dbgout.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
