@@ -141,9 +141,17 @@ void refresh_move_and_af() {
     g_cmd.motion.autofocus_mode = command_autofocus_mode();
 }
 void refresh_zone(bool report_type4) {
-    g_cmd.motion.move = command_zoom_motion_active();
+    refresh_move_and_af();
     g_cmd.motion.region = get_window_preset();
     g_cmd.motion.zone_type = (report_type4 && g_cmd.zone_type4) ? 4 : g_zoneType;
+}
+
+// A motion ended by a command (stop, re-home) forgets its tracking set-up as one that runs out
+// does: the next zoom picks the curve through the focus position as it is then. Kept, the set-up
+// would pull the focus back towards the old object's curve.
+void end_motion() {
+    command_set_zoom_motion_active(0);
+    zoom_track_clear_active();
 }
 
 void notify_ezoom(uint16_t value) {
@@ -271,7 +279,7 @@ void handle_read(uint8_t* buf, size_t len, const sockaddr_in& from) {
             const uint16_t z0 = lens_get_zoom_pos();
             const uint16_t f0 = lens_get_focus_pos();
             command_set_autofocus_mode(0);
-            command_set_zoom_motion_active(0);
+            end_motion();
             lens_motor_rehome();
             g_cmd.rehome_focus = static_cast<int16_t>(lc_focus_travel() + f0 - 2400);
             g_cmd.rehome_zoom = static_cast<int16_t>(lc_zoom_travel() + z0 - 6378);
@@ -310,7 +318,7 @@ void motion_sub_command(const MotionCommand& m, const uint8_t* payload) {
             command_set_autofocus_mode(m.autofocus_mode);
             break;
         case 9:
-            command_set_zoom_motion_active(0);
+            end_motion();
             break;
         case 10:
             if (m.zone_type >= 1 && m.zone_type <= 3) {
@@ -441,7 +449,9 @@ void lens_reset(uint8_t value) {
         dbg_err(kFile, kFunc, 1300, "focus fail,zoom fail!\n");
         g_cmd.error = 4;
     }
-    // The counts restart at the home positions: zoom back to where the lens was.
+    // The counts restart at the home positions: zoom back to where the lens was, along a curve
+    // picked afresh from the homed focus position.
+    zoom_track_clear_active();
     if (lens_get_zoom_pos() != zoom_target)
         command_set_zoom_motion_active(1);
     iris_drive_publish(2300);
@@ -553,10 +563,11 @@ void handle_write(uint8_t* buf, size_t len) {
         case 8:
             if (!long_enough('w', id, len, 6))
                 return;
-            if (p[0] < 100) {
+            // An index past the record sets nothing, but the record is still written out: the
+            // control software uses it to make the daemon save what it holds.
+            if (p[0] < 100)
                 lens_param_set(p[0], get16(p + 2));
-                lens_param_save();
-            }
+            lens_param_save();
             break;
         case 9:
             if (!long_enough('w', id, len, 3))

@@ -19,8 +19,10 @@
 #include "af/focus_zone.h"
 #include "base/frame_pacing.h"
 #include "data/lens_tables.h"
+#include "lens_api/lens_driver.h"
 #include "lens_api/lens_position.h"
 #include "platform/ports.h"
+#include "store/lens_data.h"
 #include "tests/support/test_env.h"
 #include "tracking/curves.h"
 #include "tracking/zoom_track.h"
@@ -311,7 +313,84 @@ TEST_F(CommandTest, SubCommands) {
     command_clear_focus_stop_request();
 }
 
+// The autofocus mode in force is what the motion record reports (byte 13), whoever changed it:
+// the control software reads it back to show the mode.
+TEST_F(CommandTest, MotionRecordReportsTheAutofocusModeInForce) {
+    auto reported = [](const Bytes& request, size_t at) {
+        drain();
+        send(request);
+        const Bytes r = receive(reply_fd_);
+        return r.size() >= at + kMotionCommandWireSize
+                   ? motion_command_decode(r.data() + at).autofocus_mode
+                   : 0xFF;
+    };
+    MotionCommand off = motion(8);
+    off.autofocus_mode = 0;
+    send(write0(off));
+    EXPECT_EQ(reported({'r', 0}, 2), 0) << "after sub-command 8";
+    EXPECT_EQ(reported({'r', 7}, 2), 0) << "in the status block";
+    command_set_autofocus_mode(2);  // as the frame loop does when a one-shot search has ended
+    EXPECT_EQ(reported({'r', 0}, 2), 2);
+    command_set_autofocus_mode(1);
+}
+
+// Every end of a motion forgets the zoom-tracking set-up, so that the next zoom picks the curve
+// through the focus position as it is then, not the curve of the object of the last zoom.
+TEST_F(CommandTest, EveryEndOfAMotionForgetsTheTrackingSetUp) {
+    static const auto no_op = [] {};
+    static const LensDriverOps quiet = {
+        no_op,
+        no_op,
+        no_op,
+        [] { return kHomeOk; },
+        [] { return kHomeOk; },
+        [] { return int32_t{0}; },
+        [](uint8_t) {},
+        [](uint16_t) {},
+        [](uint8_t, uint8_t) {},
+        [](uint8_t, uint8_t) {},
+        [](uint8_t, uint8_t, uint8_t, uint8_t) {},
+    };
+    lens_set_ops_for_testing(&quiet);
+    testsupport::capture_stdout([] { curve_load(); });
+    const struct {
+        const char* what;
+        Bytes request;
+    } ends[] = {
+        {"stop", write0(motion(9))},
+        {"re-home check", {'r', 14}},
+        {"lens reset", {'w', 9, 1}},
+    };
+    for (const auto& e : ends) {
+        zoom_track_reset_for_testing();
+        lens_set_positions(3000, 3000);
+        send(write0(motion(0, 1)));
+        // The first step after a change of direction only turns round.
+        if (zoom_track_step(1, 3, 0) == 0) {
+            ASSERT_EQ(zoom_track_step(1, 3, 0), 1) << e.what;
+        }
+        ASSERT_EQ(zoom_track_is_active(), 1) << e.what;
+        send(e.request);
+        EXPECT_EQ(zoom_track_is_active(), 0) << e.what;
+    }
+    lens_set_ops_for_testing(nullptr);
+    zoom_track_reset_for_testing();
+    command_set_autofocus_mode(1);
+}
+
 // ---- Other writes ----
+
+// Write 8 sets one entry of the lens parameter record and saves the record; an index past the
+// record sets nothing but still saves what the daemon holds.
+TEST_F(CommandTest, LensParameterWriteAlwaysSavesTheRecord) {
+    const std::string file = root_.host(kLensParamPath);
+    for (const uint8_t index : {uint8_t{5}, uint8_t{100}, uint8_t{255}}) {
+        std::remove(file.c_str());
+        send({'w', 8, index, 0, 0x34, 0x12});
+        EXPECT_TRUE(std::ifstream(file).good()) << "index " << int(index);
+    }
+    EXPECT_EQ(lens_param_get(5), 0x1234);
+}
 
 TEST_F(CommandTest, ElectronicZoomEnableAndLimits) {
     send({'w', 13, 7, 0});
@@ -365,6 +444,7 @@ TEST_F(CommandTest, PublishesPositionsAndReportsEachMotionEndOnce) {
     command_set_zoom_motion_active(1);
     command_publish_positions();
     EXPECT_TRUE(receive(reply_fd_).empty());
+    command_set_autofocus_mode(0);  // e.g. a one-shot search that ended meanwhile
     command_set_zoom_motion_active(0);
     command_publish_positions();
     command_publish_positions();
@@ -373,6 +453,7 @@ TEST_F(CommandTest, PublishesPositionsAndReportsEachMotionEndOnce) {
     EXPECT_EQ(r[0], 'r');
     EXPECT_EQ(r[1], 0);
     EXPECT_EQ(motion_command_decode(r.data() + 2).move, 0) << "move flag refreshed";
+    EXPECT_EQ(motion_command_decode(r.data() + 2).autofocus_mode, 0) << "the mode in force";
     EXPECT_TRUE(receive(reply_fd_).empty()) << "exactly one report per motion";
 }
 
