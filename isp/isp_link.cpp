@@ -283,6 +283,16 @@ int attr_setup_locked() {
         put_u16(w.offset, static_cast<uint16_t>(w.value));
     attr_record()[kAttrFilterA] = kSetupFilterA;
     attr_record()[kAttrFilterB] = kSetupFilterB;
+    // The set-up's filter parameters are the high-noise profile, which the power-on statistics
+    // mode (low-light) assumes. A set-up after a reconnect must not leave the ISP filtering with
+    // them while the daemon believes the low-noise profile is in force: the automatic update
+    // sends nothing as long as the gain stays low, so the two would stay apart.
+    if (g_link.statistics_mode.load() == 0) {
+        attr_record()[kAttrFilterA] = kLowNoise.a;
+        attr_record()[kAttrFilterB] = kLowNoise.b;
+        put_u16(kAttrFilterC, kLowNoise.c);
+        put_u16(kAttrFilterD, kLowNoise.d);
+    }
 
     g_link.attr_msg[0] = kCodeSetAfAttr;
     const ssize_t sent = send_all(fd, g_link.attr_msg, sizeof g_link.attr_msg);

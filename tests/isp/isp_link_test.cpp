@@ -42,6 +42,9 @@ using testsupport::capture_stdout;
 uint16_t g_zoom = 0;
 const IspInputs kInputs = {[] { return g_zoom; }, [] { return uint8_t{3}; }};
 
+uint16_t u16_at(const uint8_t* r, std::size_t off) {
+    return static_cast<uint16_t>(r[off] | (r[off + 1] << 8));
+}
 int16_t s16_at(const uint8_t* r, std::size_t off) {
     return static_cast<int16_t>(r[off] | (r[off + 1] << 8));
 }
@@ -272,6 +275,39 @@ TEST_F(IspLinkTest, ReconnectsOnceASecondAndSetsTheAttributesAgain) {
     // The new connection got the attribute set-up before its first frame request.
     EXPECT_EQ(peer.codes(), (std::vector<uint8_t>{2, 3, 1}));
     EXPECT_EQ(s16_at(peer.set_payloads()[0].data(), 234), 960);
+}
+
+// After a reconnect the ISP filters with the profile the daemon believes in force: the set-up
+// of a new connection carries the low-noise profile when that is the one in force.
+TEST_F(IspLinkTest, ReconnectKeepsTheFilterProfileInForce) {
+    const struct {
+        uint8_t forced;  // the low-noise profile forced before the service restarts
+        std::vector<int> a_b_c_d;
+    } cases[] = {{1, {1, 2, 60, 80}}, {0, {3, 3, 80, 80}}};
+    for (const auto& c : cases) {
+        isp_link_reset_for_testing();
+        connect();
+        set_gain_ratio(150);  // between the thresholds: the profile in force stays
+        if (c.forced)
+            capture_stdout([] { isp_force_filter_profile(1); });
+        ASSERT_EQ(get_statistics_mode(), c.forced ? 0 : 2);
+        peer.stop();
+        capture_stdout([] { EXPECT_EQ(Get_ISP_VD(), 1); });
+        peer.start();
+        peer.clear_log();
+        capture_stdout([] {
+            for (int calls = 0; Get_ISP_VD() != 0 && calls < 50; ++calls) {
+            }
+        });
+        ASSERT_FALSE(peer.set_payloads().empty());
+        const std::vector<uint8_t> rec = peer.set_payloads().back();
+        EXPECT_EQ((std::vector<int>{rec[230], rec[232], u16_at(rec.data(), 226),
+                                    u16_at(rec.data(), 228)}),
+                  c.a_b_c_d)
+            << "forced " << int(c.forced);
+        // And the automatic update, believing the same, still has nothing to send.
+        EXPECT_EQ(isp_auto_filter_update(), 0);
+    }
 }
 
 TEST_F(IspLinkTest, ServiceThatFailsTheAttributeExchangeIsRetriedOnlyOnceASecond) {
