@@ -1,6 +1,7 @@
 // Search phases on crafted histories: the step move at the bounds, the trend classifiers, the
 // peak tests, the coarse step on a flat stretch, the climb's return to its maximum, the fine
-// scan's window and restarts, and the final approach's turn back to the best position.
+// scan's window and restarts, the final approach's turn back to the best position, and the state
+// records' resets.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -17,6 +18,7 @@
 #include "lens_api/lens_position.h"
 #include "tests/support/test_env.h"
 #include "tracking/curves.h"
+#include "tracking/distance_table.h"
 
 namespace {
 
@@ -252,6 +254,69 @@ TEST_F(SearchPhaseTest, FinalApproachTurnsBackToItsBestPosition) {
     FinalStep();  // the frame after the drive back
     EXPECT_EQ(g_afState, 2) << "focused";
     EXPECT_EQ(g_climb.finalReturn, 0u);
+}
+
+TEST_F(SearchPhaseTest, StateResetsBringEachRecordBackToItsPowerOnValues) {
+    // Leave marks in every record through the search's own operations.
+    lens_set_positions(3200, 4480);
+    g_search.searchDir = 2;
+    StepMove(50);  // stops at the upper bound and turns
+    ASSERT_EQ(g_search.hitUpper, 1u);
+    g_search.searchPhase = 1;
+    CoarseStep();  // the bound hit hands over to the climb with the climb's small step
+    ASSERT_EQ(g_search.searchPhase, 2u);
+    ASSERT_EQ(g_coarse.coarseStep, 3);
+    set_fv({900, 800, 700, 600, 500}, {4400, 4410, 4420, 4430, 4440});
+    ClimbReset();
+    ClimbStep();
+    ASSERT_EQ(g_climb.climbMax, 900u);
+    g_afState = 1;
+    FineReset(0);
+    for (int k = 0; k < 5; ++k)
+        for (int z = 0; z < 25; ++z)
+            g_focusValue.winHist[k][z] = 50;
+    set_fv({50, 50, 50, 50, 50}, {4000, 4000, 4000, 4000, 4000});
+    FineStep();
+    FineStep();  // dead flat: the search restarts and the gain drops
+    ASSERT_EQ(g_fine.fineGain, 7);
+    clear_final_counters();
+    set_fv({1200, 1100, 1000, 900, 800}, {4010, 4008, 4006, 4004, 4002});
+    FinalStep();
+    ASSERT_EQ(g_final.finalBest, 1200u);
+    PushRestartReason(2);
+    PushRestartReason(2);
+    PushRestartReason(2);
+    ASSERT_TRUE(AllReasonsTwo());
+    focused_range_reset();
+    ASSERT_NE(g_watch.focusedRange[0], 0);
+
+    search_state_reset();
+    coarse_state_reset();
+    climb_state_reset();
+    fine_state_reset();
+    final_state_reset();
+    focus_value_state_reset();
+    watch_state_reset();
+    seam_state_reset();
+
+    EXPECT_EQ(g_search.searchPhase, 1u);
+    EXPECT_EQ(g_search.searchDir, 2u);
+    EXPECT_EQ(g_search.hitUpper, 0u);
+    EXPECT_EQ(g_search.lastZoom, 10000) << "no zoom seen yet";
+    EXPECT_EQ(g_coarse.coarseStep, 2);
+    EXPECT_EQ(g_climb.climbMult, 1);
+    EXPECT_EQ(g_climb.climbMax, 50u);
+    EXPECT_EQ(g_fine.fineGain, 9);
+    EXPECT_EQ(g_fine.fineRetries, 0);
+    EXPECT_EQ(g_fine.fineStep, 1);
+    EXPECT_EQ(g_final.finalStep, 1);
+    EXPECT_EQ(g_final.finalBest, 50u);
+    for (int k = 0; k < 5; ++k)
+        EXPECT_EQ(g_focusValue.fvHist[k], 50u) << "the floor of every sharpness, frame " << k;
+    EXPECT_EQ(g_watch.focusedRange[0], 0);
+    EXPECT_FALSE(AllReasonsTwo());
+    EXPECT_EQ(g_seams.pointLightZone, 1);
+    EXPECT_EQ(g_seams.currentDistance, kDistanceUnknown);
 }
 
 }  // namespace
