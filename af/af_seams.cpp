@@ -1,7 +1,5 @@
 #include "af/af_seams.h"
 
-#include <cstring>
-
 #include "af/af_state.h"
 #include "af/focus_zone.h"
 #include "base/frame_pacing.h"
@@ -10,30 +8,37 @@
 #include "lens_api/lens_position.h"
 #include "tracking/distance_table.h"
 
-// ---- Distance assist and window refresh ----
-uint8_t g_fullMaskFlag = 1;
-uint16_t g_currentDistance = kDistanceUnknown;
-uint16_t g_distanceAtStart = kDistanceUnknown;
+SeamState g_seams;
+WatchState g_watch;
 
+void seam_state_reset() {
+    g_seams = SeamState{};
+}
+
+void watch_state_reset() {
+    g_watch = WatchState{};
+}
+
+// ---- Distance assist and window refresh ----
 uint8_t distance_assist_active() {
-    return get_distance_assist_mode() == 1 && g_fullMaskFlag == 1 &&
-           g_currentDistance != kDistanceUnknown;
+    return get_distance_assist_mode() == 1 && g_seams.fullMaskFlag == 1 &&
+           g_seams.currentDistance != kDistanceUnknown;
 }
 
 uint16_t expected_focus_now() {
-    return expected_focus(g_currentDistance);
+    return expected_focus(g_seams.currentDistance);
 }
 
 void refill_window_history(uint32_t rows[5][kWindowCount]) {
     // The zone's blocks, without the latched lights; the outer ring of blocks always counts, so a
     // subject that leaves the middle still registers in the border windows.
     uint8_t selection[kGridBlocks];
-    const bool keep_zone = get_tracking_on() != 0 && g_triggerKind == 2;
+    const bool keep_zone = get_tracking_on() != 0 && g_seams.triggerKind == 2;
     for (int b = 0; b < kGridBlocks; ++b) {
         const int r = b / kGridCols;
         const int c = b % kGridCols;
         selection[b] = g_focusZone.blockMask[b];
-        if (g_excludedMask[b] != 0)
+        if (g_focusValue.excludedMask[b] != 0)
             selection[b] = 0;
         else if ((r < 3 || r > 11 || c < 3 || c > 11) && !keep_zone)
             selection[b] = 1;
@@ -46,13 +51,6 @@ void refill_window_history(uint32_t rows[5][kWindowCount]) {
 void distance_assist_refresh() {}
 
 // ---- Highlight (point-light) scenes ----
-uint8_t g_pointLightZone = 1;
-uint8_t g_detailTestOn = 1;
-uint8_t g_zoneChoiceArmed = 0;
-uint8_t g_pointLightStartMarker = 0;
-uint8_t g_plSeriesArmed = 0;
-uint8_t g_plNoDetail = 0;
-
 uint8_t SceneHasDetail() {
     return 1;
 }
@@ -67,50 +65,31 @@ void point_light_rearm_watch(uint8_t) {}
 void point_light_clear_series() {}
 
 // ---- Tracking-region focus ----
-uint8_t g_trackLock = 0;
-uint8_t g_triggerKind = 0;
-uint8_t g_zoneResetCountdown = 0;
-
-namespace {
-uint32_t g_reasons[3] = {0, 0, 0};
-}
-
 void ResetTrackBounds() {}
 
 void PushRestartReason(uint32_t reason) {
-    g_reasons[2] = g_reasons[1];
-    g_reasons[1] = g_reasons[0];
-    g_reasons[0] = reason;
+    g_seams.reasons[2] = g_seams.reasons[1];
+    g_seams.reasons[1] = g_seams.reasons[0];
+    g_seams.reasons[0] = reason;
 }
 
 bool AllReasonsTwo() {
-    return g_reasons[0] == 2 && g_reasons[1] == 2 && g_reasons[2] == 2;
+    return g_seams.reasons[0] == 2 && g_seams.reasons[1] == 2 && g_seams.reasons[2] == 2;
 }
 
 // ---- Focused watch ----
-uint8_t g_watchBegun = 0;
-uint8_t g_changedDuringSearch = 0;
-uint8_t g_motionHint = 0;
-uint8_t g_hintAtSettle = 0;
-uint8_t g_lumaCheckArmed = 0;
-uint16_t g_focusedRange[3] = {0, 0, 0};
-
 void FocusWatch(uint8_t) {}
 
 void focused_range_reset() {
-    g_focusedRange[0] = lens_get_focus_max();
-    g_focusedRange[1] = lens_get_focus_min();
-    g_focusedRange[2] = lens_get_focus_max();
+    g_watch.focusedRange[0] = lens_get_focus_max();
+    g_watch.focusedRange[1] = lens_get_focus_min();
+    g_watch.focusedRange[2] = lens_get_focus_max();
 }
 
 void watch_set_reference_windows() {}
 void watch_clear_reference_mask() {}
 
 // ---- Block peak map, region search and region checks ----
-uint8_t g_dirHold = 0;
-uint8_t g_regionCollapseCount = 0;
-uint8_t g_regionCount2 = 0;
-
 void update_peak_map(uint8_t) {}
 void unlocked_region_check() {}
 void locked_region_check() {}
@@ -118,32 +97,13 @@ void start_region_search() {}
 void region_search(uint8_t) {}
 
 void confirm_centre_region() {
-    g_hitLower = 0;
-    g_hitUpper = 0;
+    g_search.hitLower = 0;
+    g_search.hitUpper = 0;
     g_afState = 2;
 }
 
 void af_seams_reset_for_testing() {
-    g_fullMaskFlag = 1;
-    g_currentDistance = kDistanceUnknown;
-    g_distanceAtStart = kDistanceUnknown;
-    g_pointLightZone = 1;
-    g_detailTestOn = 1;
-    g_zoneChoiceArmed = 0;
-    g_pointLightStartMarker = 0;
-    g_plSeriesArmed = 0;
-    g_plNoDetail = 0;
-    g_trackLock = 0;
-    g_triggerKind = 0;
-    g_zoneResetCountdown = 0;
-    std::memset(g_reasons, 0, sizeof g_reasons);
-    g_watchBegun = 0;
-    g_changedDuringSearch = 0;
-    g_motionHint = 0;
-    g_hintAtSettle = 0;
-    g_lumaCheckArmed = 0;
+    seam_state_reset();
+    watch_state_reset();
     focused_range_reset();
-    g_dirHold = 0;
-    g_regionCollapseCount = 0;
-    g_regionCount2 = 0;
 }

@@ -8,13 +8,38 @@
 #include <cstdint>
 
 #include "isp/af_stat.h"
+#include "tracking/distance_table.h"
+
+// What the hooks below keep between frames, outside the focused watch (WatchState).
+struct SeamState {
+    // Distance assist: 1 while every AF window reports to the ISP (the distance assist needs the
+    // full mask); the current object distance and the distance remembered at the search start.
+    uint8_t fullMaskFlag = 1;
+    uint16_t currentDistance = kDistanceUnknown;
+    uint16_t distanceAtStart = kDistanceUnknown;
+    // Highlight scenes. pointLightZone is set to the detail test at every search start: the scene
+    // has detail outside its lights.
+    uint8_t pointLightZone = 1;
+    uint8_t detailTestOn = 1;
+    uint8_t zoneChoiceArmed = 0;
+    uint8_t pointLightStartMarker = 0;
+    uint8_t plSeriesArmed = 0;
+    uint8_t plNoDetail = 0;
+    // Tracking-region focus, and the last three restart reasons, newest first.
+    uint8_t trackLock = 0;
+    uint8_t triggerKind = 0;
+    uint8_t zoneResetCountdown = 0;
+    uint32_t reasons[3] = {};
+    // Block peak map, region search and region checks.
+    uint8_t dirHold = 0;
+    uint8_t regionCollapseCount = 0;
+    uint8_t regionCount2 = 0;
+};
+extern SeamState g_seams;
+// Back to the power-on values.
+void seam_state_reset();
 
 // ---- Distance assist and window refresh ----
-// 1 while every AF window reports to the ISP (the distance assist needs the full mask).
-extern uint8_t g_fullMaskFlag;
-// Current object distance (8192 = unknown) and the distance remembered at the search start.
-extern uint16_t g_currentDistance;
-extern uint16_t g_distanceAtStart;
 // 1 when distance assist is switched on and usable.
 uint8_t distance_assist_active();
 // Focus position the current distance should be in focus at.
@@ -25,13 +50,6 @@ void refill_window_history(uint32_t rows[5][kWindowCount]);
 void distance_assist_refresh();
 
 // ---- Highlight (point-light) scenes ----
-// Set to the detail test at every search start: the scene has detail outside its lights.
-extern uint8_t g_pointLightZone;
-extern uint8_t g_detailTestOn;
-extern uint8_t g_zoneChoiceArmed;
-extern uint8_t g_pointLightStartMarker;
-extern uint8_t g_plSeriesArmed;
-extern uint8_t g_plNoDetail;
 uint8_t SceneHasDetail();
 bool IsDarkFlat(const uint32_t* grid225);
 void PointLightRecord(uint8_t add);
@@ -42,29 +60,30 @@ void point_light_rearm_watch(uint8_t chances);
 void point_light_clear_series();
 
 // ---- Tracking-region focus ----
-extern uint8_t g_trackLock;
-extern uint8_t g_triggerKind;
-extern uint8_t g_zoneResetCountdown;
 void ResetTrackBounds();
 void PushRestartReason(uint32_t reason);
 bool AllReasonsTwo();
 
 // ---- Focused watch ----
-extern uint8_t g_watchBegun;
-extern uint8_t g_changedDuringSearch;
-extern uint8_t g_motionHint;
-extern uint8_t g_hintAtSettle;
-extern uint8_t g_lumaCheckArmed;
-extern uint16_t g_focusedRange[3];  // lowest, highest, last position at which the watch began
+// Focused-state bookkeeping of the watch.
+struct WatchState {
+    uint8_t watchBegun = 0;
+    uint8_t changedDuringSearch = 0;
+    uint8_t motionHint = 0;
+    uint8_t hintAtSettle = 0;
+    uint8_t lumaCheckArmed = 0;
+    uint16_t focusedRange[3] = {};  // lowest, highest, last position at which the watch began
+};
+extern WatchState g_watch;
+// Back to the power-on values.
+void watch_state_reset();
+
 void FocusWatch(uint8_t focused);
 void focused_range_reset();
 void watch_set_reference_windows();
 void watch_clear_reference_mask();
 
 // ---- Block peak map, region search and region checks ----
-extern uint8_t g_dirHold;
-extern uint8_t g_regionCollapseCount;
-extern uint8_t g_regionCount2;
 void update_peak_map(uint8_t mode);
 void unlocked_region_check();
 void locked_region_check();

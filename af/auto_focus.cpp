@@ -25,45 +25,18 @@
 #include "tracking/curves.h"
 #include "tracking/distance_table.h"
 
-uint32_t g_searchPhase = 1;
-uint32_t g_searchDir = 2;
-uint16_t g_lastDirSeen = 2;
-uint16_t g_framesInDir = 0;
-uint16_t g_dirChangePos = 0;
-uint16_t g_lowerBound = 0;
-uint16_t g_upperBound = 6120;
-uint16_t g_nearThreshold = 0;
-uint16_t g_farThreshold = 6120;
-uint16_t g_visitMin = 6120;
-uint16_t g_visitMax = 0;
-uint32_t g_hitLower = 0;
-uint32_t g_hitUpper = 0;
-uint16_t g_lastZoom = 10000;
-uint16_t g_lastDigitalZoom = 0;
-uint16_t g_searchStartPos = 0;
-uint8_t g_failCount = 0;
-uint8_t g_giveUp = 0;
-uint8_t g_ptMoveFrames = 0;
-uint8_t g_ptHold = 0;
-uint32_t g_refocusCause = 0;
-uint32_t g_restartReason = 0;
-uint8_t g_firstAfterZoom = 0;
-uint8_t g_dirCheckArmed = 0;
-uint8_t g_startFresh = 0;
-uint8_t g_focusDone = 0;
-uint8_t g_noPeak = 0;
+SearchState g_search;
+
+void search_state_reset() {
+    g_search = SearchState{};
+}
 
 namespace {
 
-uint16_t g_stateOneFrames = 0;
+// The ISP's statistics mode as its listener last reported it, and whether the listener and the
+// zone's block weights have been handed to the statistics side.
 uint8_t g_lowLight = 0;
 uint8_t g_hooksInstalled = 0;
-uint8_t g_returnEpisode = 0;
-timeval g_searchStartTime{};
-uint32_t g_startExposure = 0;
-uint16_t g_startIris = 0;
-uint8_t g_upwardMarker = 0;
-uint32_t g_countedDir = 0;
 
 volatile uint8_t g_distanceAssist = 0;
 
@@ -99,10 +72,10 @@ uint32_t absdiff(uint32_t a, uint32_t b) {
 
 // Restart bookkeeping shared by the restart paths: a new search will be prepared.
 void clear_search_markers() {
-    g_lowContrastRetry = 0;
-    g_regionCollapseCount = 0;
-    g_regionCount2 = 0;
-    g_motionHint = 0;
+    g_fine.lowContrastRetry = 0;
+    g_seams.regionCollapseCount = 0;
+    g_seams.regionCount2 = 0;
+    g_watch.motionHint = 0;
 }
 
 bool check_restart() {
@@ -110,7 +83,7 @@ bool check_restart() {
     const uint16_t d = digital_zoom();
     bool restart = false;
     const bool request = g_refocusRequest == 1;
-    if (z == g_lastZoom && d == g_lastDigitalZoom && !request) {
+    if (z == g_search.lastZoom && d == g_search.lastDigitalZoom && !request) {
         restart = exposure_change_test(g_afState != 0 ? 1 : 0) == 1;
     } else {
         restart = true;
@@ -118,65 +91,67 @@ bool check_restart() {
     if (!restart) {
         // A focus outside the range (a manual move, a new range) starts over.
         const uint16_t f = af_focus();
-        if (f < g_lowerBound || f > g_upperBound) {
-            g_refocusCause = 9;
+        if (f < g_search.lowerBound || f > g_search.upperBound) {
+            g_search.refocusCause = 9;
             g_lastAfPos = f;
             SelectSearchZone();
             g_afState = 0;
-            g_lowContrastRetry = 0;
+            g_fine.lowContrastRetry = 0;
             FineReset(0);
-            g_regionCollapseCount = 0;
-            g_regionCount2 = 0;
-            g_motionHint = 0;
-            g_markerA = 1;
+            g_seams.regionCollapseCount = 0;
+            g_seams.regionCount2 = 0;
+            g_watch.motionHint = 0;
+            g_focusValue.markerA = 1;
             g_pointLightMeasure = 0;
-            g_zoneChoiceArmed = 1;
+            g_seams.zoneChoiceArmed = 1;
         }
         return false;
     }
     // 1. A digital zoom alone does not move the optics.
-    if (z == g_lastZoom && d != g_lastDigitalZoom && !request) {
-        g_lastDigitalZoom = d;
+    if (z == g_search.lastZoom && d != g_search.lastDigitalZoom && !request) {
+        g_search.lastDigitalZoom = d;
         return false;
     }
     if (get_window_preset() == 3)
         g_blockPath = d == 0 ? 1 : 0;
-    const bool zoom_changed = z != g_lastZoom;
-    g_refocusCause = 9;
+    const bool zoom_changed = z != g_search.lastZoom;
+    g_search.refocusCause = 9;
     g_focusZone.reset_block_mask();
-    g_trackLock = 0;
-    g_lastDigitalZoom = d;
-    g_giveUp = 0;
+    g_seams.trackLock = 0;
+    g_search.lastDigitalZoom = d;
+    g_search.giveUp = 0;
     FineReset(0);
     g_lastAfPos = af_focus();
-    g_searchStartPos = af_focus();
+    g_search.searchStartPos = af_focus();
     g_afState = 0;
     // Zooming in moves the in-focus position towards smaller focus positions.
-    g_searchDir = z > g_lastZoom ? 1 : 2;
+    g_search.searchDir = z > g_search.lastZoom ? 1 : 2;
     update_peak_map(0);
-    g_hitLower = g_hitUpper = 0;
+    g_search.hitLower = g_search.hitUpper = 0;
     SnapshotReference();
     clear_search_markers();
     if (zoom_changed || request) {
-        g_restartReason = 0;
-        g_dirCheckArmed = 1;
+        g_search.restartReason = 0;
+        g_search.dirCheckArmed = 1;
         ResetTrackBounds();
         scene_clear_events();
-        g_detailTestOn = 1;
-        g_visitMin = g_upperBound;
-        g_visitMax = g_lowerBound;
-        g_startFresh = 1;
+        g_seams.detailTestOn = 1;
+        g_search.visitMin = g_search.upperBound;
+        g_search.visitMax = g_search.lowerBound;
+        g_search.startFresh = 1;
     }
     if (zoom_changed) {
         if (g_publishPositions != nullptr)
             g_publishPositions();
         focused_range_reset();
-        g_firstAfterZoom = 1;
-        if (g_lastZoom <= kFilterZoomSplit && z > kFilterZoomSplit && g_lastZoom != 10000) {
+        g_search.firstAfterZoom = 1;
+        if (g_search.lastZoom <= kFilterZoomSplit && z > kFilterZoomSplit &&
+            g_search.lastZoom != 10000) {
             set_filter_param(1, 2, 60, 80);
             set_statistics_mode(0);
             platform::sleep_us(10000);
-        } else if (g_lastZoom > kFilterZoomSplit && g_lastZoom != 10000 && z <= kFilterZoomSplit) {
+        } else if (g_search.lastZoom > kFilterZoomSplit && g_search.lastZoom != 10000 &&
+                   z <= kFilterZoomSplit) {
             if (get_exp_gain_ratio() > 119)
                 set_filter_param(3, 3, 80, 80);
             else
@@ -186,15 +161,15 @@ bool check_restart() {
     } else {
         SelectSearchZone();
     }
-    g_lastZoom = z;
+    g_search.lastZoom = z;
     g_refocusRequest = 0;
     SetSearchBounds();
-    g_dirHold = 0;
-    platform::wall_time(&g_searchStartTime);
-    g_markerA = 1;
+    g_seams.dirHold = 0;
+    platform::wall_time(&g_search.searchStartTime);
+    g_focusValue.markerA = 1;
     g_pointLightMeasure = 0;
-    g_zoneChoiceArmed = 1;
-    g_hintAtSettle = 1;
+    g_seams.zoneChoiceArmed = 1;
+    g_watch.hintAtSettle = 1;
     return true;
 }
 
@@ -213,7 +188,7 @@ bool sharpness_test(uint8_t sensitivity, uint32_t v) {
 bool start_phase_is_coarse() {
     const uint16_t z = af_zoom();
     const uint8_t* wm = g_focusZone.windowMask;
-    if (g_startFresh == 1) {
+    if (g_search.startFresh == 1) {
         uint8_t n = 0;
         for (int w = 0; w < kWindowCount; ++w)
             n += wm[w] != 0;
@@ -266,38 +241,39 @@ bool start_phase_is_coarse() {
 
 void choose_start_direction() {
     const uint16_t p = af_focus();
-    const uint16_t p0 = g_posHist[0];
+    const uint16_t p0 = g_focusValue.posHist[0];
     const int32_t B = af_curve_base();
     // 1. A refocus asked by the focused watch: the focused-position range says where the subject
     //    went.
-    if (g_restartReason == 1 || g_restartReason == 2) {
-        const uint16_t lo = g_focusedRange[0];
-        const uint16_t hi = g_focusedRange[1];
+    if (g_search.restartReason == 1 || g_search.restartReason == 2) {
+        const uint16_t lo = g_watch.focusedRange[0];
+        const uint16_t hi = g_watch.focusedRange[1];
         if (hi > lo) {
             const uint32_t W = hi - lo;
             if (W > 10) {
                 if (absdiff(p, lo) < W / 3)
-                    g_searchDir = 2;
+                    g_search.searchDir = 2;
                 else if (absdiff(p, hi) < W / 3)
-                    g_searchDir = 1;
+                    g_search.searchDir = 1;
             }
         }
     }
     // 2. Outside the range: step in and search inwards.
-    if (p0 < g_lowerBound) {
-        uint32_t d = g_lowerBound - p0;
+    if (p0 < g_search.lowerBound) {
+        uint32_t d = g_search.lowerBound - p0;
         lens_move(0, 0, 1, static_cast<uint8_t>(d > 30 ? 30 : d));
-        g_searchDir = 2;
-        g_hitLower = 1;
+        g_search.searchDir = 2;
+        g_search.hitLower = 1;
         g_lastAfPos = af_focus();
-    } else if (p0 > g_upperBound) {
-        uint32_t d = p0 - g_upperBound;
+    } else if (p0 > g_search.upperBound) {
+        uint32_t d = p0 - g_search.upperBound;
         lens_move(0, 0, 0, static_cast<uint8_t>(d > 30 ? 30 : d));
-        g_searchDir = 1;
-        g_hitUpper = 1;
+        g_search.searchDir = 1;
+        g_search.hitUpper = 1;
         g_lastAfPos = af_focus();
     } else {
-        if (g_fullMaskFlag == 1 && g_blockPath == 1 && g_firstAfterZoom == 1 && g_dirCheckArmed) {
+        if (g_seams.fullMaskFlag == 1 && g_blockPath == 1 && g_search.firstAfterZoom == 1 &&
+            g_search.dirCheckArmed) {
             uint8_t c = 0;
             bool all_dim = true;
             for (int w = 0; w < kWindowCount; ++w) {
@@ -311,59 +287,59 @@ void choose_start_direction() {
             af_stat_grid_by_kind(grid, 4);
             const bool D = IsDarkFlat(grid);
             if (p > B + af_far_offset(27) && D)
-                g_searchDir = 1;
+                g_search.searchDir = 1;
             else if (p < B + af_far_offset(15) && D)
-                g_searchDir = 2;
+                g_search.searchDir = 2;
             else if (p > B + af_far_offset(32) + 5)
-                g_searchDir = all_dim ? 2 : 1;
+                g_search.searchDir = all_dim ? 2 : 1;
             else if (c == 0)
-                g_searchDir = 2;
+                g_search.searchDir = 2;
             else
-                g_searchDir = 1;
-            g_dirCheckArmed = 0;
+                g_search.searchDir = 1;
+            g_search.dirCheckArmed = 0;
         }
         if (g_sceneResult.event == 1)
-            g_searchDir = 2;
+            g_search.searchDir = 2;
         if (p < B - 50)
-            g_searchDir = 2;
+            g_search.searchDir = 2;
         else if (p > B + af_far_offset(50) + 50)
-            g_searchDir = 1;
+            g_search.searchDir = 1;
     }
     // 3. Distance assist: a subject nearer than the focus asks for larger positions.
-    if (distance_assist_active() && g_currentDistance < 3000 && p < expected_focus_now())
-        g_searchDir = 2;
+    if (distance_assist_active() && g_seams.currentDistance < 3000 && p < expected_focus_now())
+        g_search.searchDir = 2;
 }
 
 void restart_preparation() {
-    if (g_restartReason == 1 || g_restartReason == 2) {
-        g_trackLock = 0;
+    if (g_search.restartReason == 1 || g_search.restartReason == 2) {
+        g_seams.trackLock = 0;
         update_peak_map(0);
-        g_regionCollapseCount = 0;
-        g_regionCount2 = 0;
+        g_seams.regionCollapseCount = 0;
+        g_seams.regionCount2 = 0;
         g_pointLightMeasure = 0;
         g_windowAverage = 0;
-        g_hitLower = g_hitUpper = 0;
-        g_lumaCheckArmed = 1;
+        g_search.hitLower = g_search.hitUpper = 0;
+        g_watch.lumaCheckArmed = 1;
         point_light_rearm_watch(2);
     }
     SnapshotReference();
-    if (g_firstAfterZoom == 1) {
-        g_lumaCheckArmed = 1;
+    if (g_search.firstAfterZoom == 1) {
+        g_watch.lumaCheckArmed = 1;
         point_light_rearm_watch(2);
-        g_nearEndTried = g_farEndTried = 0;
-        g_hintAtSettle = 1;
+        g_coarse.nearEndTried = g_coarse.farEndTried = 0;
+        g_watch.hintAtSettle = 1;
         scene_clear_result();
     }
-    g_nearEndTried = g_farEndTried = 0;
+    g_coarse.nearEndTried = g_coarse.farEndTried = 0;
     g_refocusRequest = 0;
-    g_distanceAtStart = g_currentDistance;
+    g_seams.distanceAtStart = g_seams.currentDistance;
     distance_assist_refresh();
 }
 
 void start_search() {
     SetBestFv(50);
-    g_giveUp = 0;
-    g_pointLightStartMarker = 0;
+    g_search.giveUp = 0;
+    g_seams.pointLightStartMarker = 0;
     const uint32_t exposure = get_exposure_mode();
     SetSearchBounds();
     if (exposure < 10) {
@@ -379,90 +355,92 @@ void start_search() {
     restart_preparation();
     clear_trend_series();
     point_light_clear_series();
-    g_framesInDir = 0;
+    g_search.framesInDir = 0;
     uint32_t grid[kGridBlocks];
     af_stat_grid_by_kind(grid, 4);
-    g_plSeriesArmed = IsDarkFlat(grid) ? 1 : 0;
-    PushRestartReason(g_restartReason);
-    if (g_restartReason != 1)
+    g_seams.plSeriesArmed = IsDarkFlat(grid) ? 1 : 0;
+    PushRestartReason(g_search.restartReason);
+    if (g_search.restartReason != 1)
         g_sceneResult.event = kObjectNon;
-    g_motionHint = AllReasonsTwo() ? 0 : 1;
+    g_watch.motionHint = AllReasonsTwo() ? 0 : 1;
     fh_reset_for_search();
     const uint16_t p = af_focus();
     fh_set_position(p, 1);
     fh_event_append(1, 4, p);
     uint32_t hgrid[kGridBlocks];
     af_stat_grid_by_kind(hgrid, 5);
-    fh_record_sample(g_gridHist[0], hgrid, p);
-    g_lastZoom = af_zoom();
+    fh_record_sample(g_focusValue.gridHist[0], hgrid, p);
+    g_search.lastZoom = af_zoom();
     watch_clear_reference_mask();
-    g_noPeak = 0;
-    if (g_firstAfterZoom == 1) {
-        g_visitMin = g_upperBound;
-        g_visitMax = g_lowerBound;
+    g_search.noPeak = 0;
+    if (g_search.firstAfterZoom == 1) {
+        g_search.visitMin = g_search.upperBound;
+        g_search.visitMax = g_search.lowerBound;
     }
     PrepareWatch();
     ChooseStartZone();
     RefineStartZone();
-    g_pointLightZone = SceneHasDetail();
+    g_seams.pointLightZone = SceneHasDetail();
     choose_start_direction();
 
     // 4. Inside the range the search begins.
     const uint16_t f = af_focus();
-    if (f >= g_lowerBound && f <= g_upperBound) {
-        g_zoneChoiceArmed = 0;
+    if (f >= g_search.lowerBound && f <= g_search.upperBound) {
+        g_seams.zoneChoiceArmed = 0;
         g_afState = 1;
-        g_searchPhase = start_phase_is_coarse() ? 1 : 3;
+        g_search.searchPhase = start_phase_is_coarse() ? 1 : 3;
         const int32_t B = af_curve_base();
         if (f < B - 50 || f > B + af_far_offset(50) + 50)
-            g_searchPhase = 1;
+            g_search.searchPhase = 1;
         if (g_pointLightMeasure != 0)
-            g_searchPhase = 3;
-        g_startedFine = g_searchPhase == 3 ? 1 : 0;
-        g_startExposure = get_exp_gain_ratio();
-        g_startIris = 0;
+            g_search.searchPhase = 3;
+        g_fine.startedFine = g_search.searchPhase == 3 ? 1 : 0;
+        g_search.startExposure = get_exp_gain_ratio();
+        g_search.startIris = 0;
         // The distance-assisted jump and region search plug in here.
         if (g_sceneResult.event == kObjectConFar)
-            g_upwardMarker = 1;
-        if (g_upwardMarker)
-            g_searchDir = 2;
-        g_upwardMarker = 0;
+            g_search.upwardMarker = 1;
+        if (g_search.upwardMarker)
+            g_search.searchDir = 2;
+        g_search.upwardMarker = 0;
     }
-    g_searchStartPos = f;
+    g_search.searchStartPos = f;
 }
 
 void unsuccessful_finish() {
-    g_finalStep = 1;
-    g_finalReturn = 0;
+    g_final.finalStep = 1;
+    g_climb.finalReturn = 0;
     g_focusZone.reset_block_mask();
-    g_trackLock = 0;
+    g_seams.trackLock = 0;
     af_stat_fetch(1);
-    g_hitLower = g_hitUpper = 0;
+    g_search.hitLower = g_search.hitUpper = 0;
     update_peak_map(0);
-    g_regionCollapseCount = 0;
-    g_regionCount2 = 0;
-    g_failCount = 0;
-    g_motionHint = 0;
+    g_seams.regionCollapseCount = 0;
+    g_seams.regionCount2 = 0;
+    g_search.failCount = 0;
+    g_watch.motionHint = 0;
     g_afState = 2;
     watch_set_reference_windows();
     SetBestFv(50);
-    g_searchPhase = 9;
-    g_noPeak = 1;
+    g_search.searchPhase = 9;
+    g_search.noPeak = 1;
 }
 
 // Drives towards the best place seen after a search found no peak. Returns true on arrival.
 bool return_to_best_seen() {
-    const uint16_t target = g_searchMaxWindow > 99 ? g_searchMaxWindowPos : g_searchStartPos;
-    g_returnEpisode = 0;
+    const uint16_t target = g_focusValue.searchMaxWindow > 99 ? g_focusValue.searchMaxWindowPos
+                                                              : g_search.searchStartPos;
+    g_search.returnEpisode = 0;
     const uint16_t p = af_focus();
-    if (p == target || (g_frameMaxWindow >= g_searchMaxWindow && g_frameMaxWindow >= 101))
+    if (p == target || (g_focusValue.frameMaxWindow >= g_focusValue.searchMaxWindow &&
+                        g_focusValue.frameMaxWindow >= 101))
         return true;
     const uint32_t want = target < p ? 1 : 2;
-    if (g_searchDir == want) {
+    if (g_search.searchDir == want) {
         const uint32_t d = absdiff(target, p);
         StepMove(static_cast<uint16_t>(d > 30 ? 30 : d));
     } else {
-        g_searchDir = want;
+        g_search.searchDir = want;
     }
     return false;
 }
@@ -470,21 +448,21 @@ bool return_to_best_seen() {
 void search_frame() {
     const uint16_t f = af_focus();
     // 1. Visited range.
-    if (f < g_visitMin)
-        g_visitMin = f;
-    if (f > g_visitMax)
-        g_visitMax = f;
-    if (g_visitMin < g_lowerBound)
-        g_visitMin = g_lowerBound;
-    if (g_visitMax > g_upperBound)
-        g_visitMax = g_upperBound;
+    if (f < g_search.visitMin)
+        g_search.visitMin = f;
+    if (f > g_search.visitMax)
+        g_search.visitMax = f;
+    if (g_search.visitMin < g_search.lowerBound)
+        g_search.visitMin = g_search.lowerBound;
+    if (g_search.visitMax > g_search.upperBound)
+        g_search.visitMax = g_search.upperBound;
     // 2. The frame after a turn still shows the old side: skip it.
-    if (g_searchDir != g_lastDirSeen) {
-        g_lastDirSeen = static_cast<uint16_t>(g_searchDir);
+    if (g_search.searchDir != g_search.lastDirSeen) {
+        g_search.lastDirSeen = static_cast<uint16_t>(g_search.searchDir);
         return;
     }
     // 3. Divider.
-    if (g_searchPhase == 2) {
+    if (g_search.searchPhase == 2) {
         if (af_slow_divider())
             af_set_slow_divider(false);
     } else if (!af_slow_divider()) {
@@ -492,8 +470,8 @@ void search_frame() {
         return;
     }
     // 5. Region search frames.
-    if (g_searchPhase == 8) {
-        af_stat_copy_grid(StatGrid::kSharpV, g_gridHist[0]);
+    if (g_search.searchPhase == 8) {
+        af_stat_copy_grid(StatGrid::kSharpV, g_focusValue.gridHist[0]);
         region_search(1);
         return;
     }
@@ -502,39 +480,41 @@ void search_frame() {
         return;
     // No peak: both ends of the range were reached and the lens stands still or is back at an
     // end. Nothing between the ends peaked, so go back to the best place seen.
-    const bool at_rest = g_posHist[1] == f || f <= g_lowerBound || f >= g_upperBound;
-    if ((g_finalReturn == 0 && g_hitLower && g_hitUpper && at_rest) || g_giveUp == 1) {
+    const bool at_rest =
+        g_focusValue.posHist[1] == f || f <= g_search.lowerBound || f >= g_search.upperBound;
+    if ((g_climb.finalReturn == 0 && g_search.hitLower && g_search.hitUpper && at_rest) ||
+        g_search.giveUp == 1) {
         SetSearchBounds();
         if (return_to_best_seen()) {
-            ++g_failCount;
-            g_hitLower = g_hitUpper = 0;
-            g_giveUp = 0;
-            const uint32_t smax = g_searchMaxWindow;
-            if (!g_pointLightZone || g_failCount > 1 || smax / 2 < g_frameMaxWindow ||
-                g_changedDuringSearch) {
+            ++g_search.failCount;
+            g_search.hitLower = g_search.hitUpper = 0;
+            g_search.giveUp = 0;
+            const uint32_t smax = g_focusValue.searchMaxWindow;
+            if (!g_seams.pointLightZone || g_search.failCount > 1 ||
+                smax / 2 < g_focusValue.frameMaxWindow || g_watch.changedDuringSearch) {
                 unsuccessful_finish();
             } else {
                 // One more try with the sharpest single window.
-                g_searchPhase = 1;
-                g_retryMarker = 1;
+                g_search.searchPhase = 1;
+                g_fine.retryMarker = 1;
                 SetBestFv(50);
                 uint8_t best = 0;
                 uint32_t v = 50;
                 for (uint8_t w = 0; w < kWindowCount; ++w)
-                    if (g_winHist[0][w] > v) {
-                        v = g_winHist[0][w];
+                    if (g_focusValue.winHist[0][w] > v) {
+                        v = g_focusValue.winHist[0][w];
                         best = w;
                     }
                 g_focusZone.clear_window_mask();
                 g_focusZone.windowMask[best] = 1;
             }
         } else {
-            g_searchPhase = 9;
+            g_search.searchPhase = 9;
         }
         return;
     }
     CountDirectionFrames();
-    switch (g_searchPhase) {
+    switch (g_search.searchPhase) {
         case 1:
             update_running_extremes();
             CoarseStep();
@@ -544,7 +524,7 @@ void search_frame() {
             update_running_extremes();
             ClimbStep();
             CoarseReset();
-            g_retryMarker = 0;
+            g_fine.retryMarker = 0;
             FineReset(get_statistics_mode() == 0 ? 3 : 0);
             break;
         case 3:
@@ -555,8 +535,8 @@ void search_frame() {
         case 4:
             FinalStep();
             FineReset(0);
-            g_retryMarker = 0;
-            g_fineRetries = 0;
+            g_fine.retryMarker = 0;
+            g_fine.fineRetries = 0;
             break;
         default:
             break;
@@ -571,38 +551,38 @@ void search_frame() {
 }
 
 void pan_tilt_moving() {
-    if (g_ptMoveFrames < 255)
-        ++g_ptMoveFrames;
+    if (g_search.ptMoveFrames < 255)
+        ++g_search.ptMoveFrames;
     update_peak_map(0);
-    g_regionCollapseCount = 0;
-    g_regionCount2 = 0;
+    g_seams.regionCollapseCount = 0;
+    g_seams.regionCount2 = 0;
     ResetZoneCross();
-    g_firstAfterZoom = 1;
-    g_restartReason = 0;
+    g_search.firstAfterZoom = 1;
+    g_search.restartReason = 0;
     ResetTrackBounds();
     scene_clear_events();
-    g_dirHold = 0;
+    g_seams.dirHold = 0;
     focused_range_reset();
-    g_markerA = 1;
-    g_detailTestOn = 1;
+    g_focusValue.markerA = 1;
+    g_seams.detailTestOn = 1;
     g_pointLightMeasure = 0;
-    g_startFresh = 1;
-    g_zoneChoiceArmed = 1;
-    g_dirCheckArmed = 1;
+    g_search.startFresh = 1;
+    g_seams.zoneChoiceArmed = 1;
+    g_search.dirCheckArmed = 1;
 }
 
 void restart_for_head() {
-    g_ptHold = 10;
-    g_refocusCause = 9;
-    g_failCount = 0;
-    g_hitLower = g_hitUpper = 0;
+    g_search.ptHold = 10;
+    g_search.refocusCause = 9;
+    g_search.failCount = 0;
+    g_search.hitLower = g_search.hitUpper = 0;
     g_afState = 0;
-    g_lowContrastRetry = 0;
-    g_motionHint = 0;
+    g_fine.lowContrastRetry = 0;
+    g_watch.motionHint = 0;
     if (g_blockPath == 0)
         ResetZoneCross();
     else
-        g_trackLock = 0;
+        g_seams.trackLock = 0;
 }
 
 }  // namespace
@@ -639,28 +619,29 @@ void af_set_slow_divider(bool slow) {
 }
 
 void FlipDirection() {
-    if (g_dirHold)
+    if (g_seams.dirHold)
         return;
-    g_searchDir = g_searchDir == 1 ? 2 : 1;
+    g_search.searchDir = g_search.searchDir == 1 ? 2 : 1;
 }
 
 void SetSearchBounds() {
     const uint16_t z = af_zoom();
-    g_lowerBound = curve_get_lower_bound(z / 32);
-    g_upperBound = curve_get_upper_bound(z / 32);
-    g_nearThreshold = static_cast<uint16_t>((2u * curve_focus_at(0, z) + g_lowerBound) / 3);
-    g_farThreshold = g_upperBound;
+    g_search.lowerBound = curve_get_lower_bound(z / 32);
+    g_search.upperBound = curve_get_upper_bound(z / 32);
+    g_search.nearThreshold =
+        static_cast<uint16_t>((2u * curve_focus_at(0, z) + g_search.lowerBound) / 3);
+    g_search.farThreshold = g_search.upperBound;
 }
 
 void CountDirectionFrames() {
     // Its own memory of the direction: the skip of the frame after a turn has already taken
-    // g_lastDirSeen along.
-    if (g_searchDir != g_countedDir) {
-        g_countedDir = g_searchDir;
-        g_framesInDir = 1;
-        g_dirChangePos = af_focus();
+    // g_search.lastDirSeen along.
+    if (g_search.searchDir != g_search.countedDir) {
+        g_search.countedDir = g_search.searchDir;
+        g_search.framesInDir = 1;
+        g_search.dirChangePos = af_focus();
     } else {
-        ++g_framesInDir;
+        ++g_search.framesInDir;
     }
 }
 
@@ -672,49 +653,49 @@ void AfFrame() {
         return;
     // 3. The first searching frame takes a fresh reference from a settled picture.
     if (g_afState == 1) {
-        if (++g_stateOneFrames == 1) {
+        if (++g_search.stateOneFrames == 1) {
             SnapshotReference();
             g_afState = 1;
         }
     } else {
-        g_stateOneFrames = 0;
+        g_search.stateOneFrames = 0;
     }
     // 4-6. Pan/tilt: hold the search while the head moves, restart once it has stopped.
     const bool head_moving = command_pt_moving() != 0;
     if (head_moving) {
         pan_tilt_moving();
-        if (g_ptMoveFrames < 255) {
+        if (g_search.ptMoveFrames < 255) {
             SetBestFv(50);
-            if (g_ptHold == 0)
-                g_ptHold = 2;
+            if (g_search.ptHold == 0)
+                g_search.ptHold = 2;
             else
                 restart_for_head();
         }
     } else {
-        g_ptMoveFrames = 0;
-        if (g_ptHold != 0) {
-            if (g_ptHold > 2 && g_ptHold < 9) {
+        g_search.ptMoveFrames = 0;
+        if (g_search.ptHold != 0) {
+            if (g_search.ptHold > 2 && g_search.ptHold < 9) {
                 const uint32_t column = (get_window_sharpness(7) + get_window_sharpness(12) +
                                          get_window_sharpness(17)) /
                                         3;
                 if (g_afState == 2 && column > 999) {
-                    g_motionHint = 0;
+                    g_watch.motionHint = 0;
                 } else {
-                    g_refocusCause = 9;
+                    g_search.refocusCause = 9;
                     g_lastAfPos = af_focus();
-                    g_hitLower = g_hitUpper = 0;
+                    g_search.hitLower = g_search.hitUpper = 0;
                     g_afState = 0;
-                    g_lowContrastRetry = 0;
+                    g_fine.lowContrastRetry = 0;
                 }
             }
-            g_ptHold = g_ptHold > 6 ? static_cast<uint8_t>(g_ptHold - 6) : 0;
-            platform::wall_time(&g_searchStartTime);
+            g_search.ptHold = g_search.ptHold > 6 ? static_cast<uint8_t>(g_search.ptHold - 6) : 0;
+            platform::wall_time(&g_search.searchStartTime);
         }
     }
     // 7. A tracker trigger (tracking-region focus) plugs in here.
-    highlight_set_box_result(g_triggerKind);
+    highlight_set_box_result(g_seams.triggerKind);
     // 8.
-    if (g_ptHold == 0) {
+    if (g_search.ptHold == 0) {
         switch (g_afState) {
             case 0:
                 if (!af_slow_divider()) {
@@ -727,17 +708,17 @@ void AfFrame() {
                 FineReset(0);
                 update_peak_map(0);
                 reset_running_extremes();
-                g_changedDuringSearch = 0;
+                g_watch.changedDuringSearch = 0;
                 highlight_disarm_update();
-                g_rule3Acted = 0;
-                g_lastDirSeen = static_cast<uint16_t>(g_searchDir);
-                g_markerC = 1;
-                g_zoneResetCountdown = 3;
+                g_focusValue.rule3Acted = 0;
+                g_search.lastDirSeen = static_cast<uint16_t>(g_search.searchDir);
+                g_focusValue.markerC = 1;
+                g_seams.zoneResetCountdown = 3;
                 break;
             case 1:
                 search_frame();
                 FocusWatch(0);
-                g_dirHold = 0;
+                g_seams.dirHold = 0;
                 if (g_afState == 2)
                     af_set_slow_divider(true);
                 if (g_afState == 0)
@@ -748,26 +729,26 @@ void AfFrame() {
                     af_set_slow_divider(true);
                     break;
                 }
-                g_failCount = 0;
-                g_markerA = 1;
-                g_detailTestOn = 1;
+                g_search.failCount = 0;
+                g_focusValue.markerA = 1;
+                g_seams.detailTestOn = 1;
                 ResetTrackBounds();
                 FineReset(2);
-                if (distance_assist_active() && expected_focus_now() < g_lowerBound)
-                    g_lowerBound = expected_focus_now() <= 50
-                                       ? 0
-                                       : static_cast<uint16_t>(expected_focus_now() - 50);
+                if (distance_assist_active() && expected_focus_now() < g_search.lowerBound)
+                    g_search.lowerBound = expected_focus_now() <= 50
+                                              ? 0
+                                              : static_cast<uint16_t>(expected_focus_now() - 50);
                 FocusWatch(1);
-                g_firstAfterZoom = 0;
-                g_focusDone = 1;
+                g_search.firstAfterZoom = 0;
+                g_search.focusDone = 1;
                 g_lastAfPos = af_focus();
-                g_searchStartPos = af_focus();
+                g_search.searchStartPos = af_focus();
                 if (g_afState != 2) {
-                    g_visitMin = g_upperBound;
-                    g_visitMax = g_lowerBound;
+                    g_search.visitMin = g_search.upperBound;
+                    g_search.visitMax = g_search.lowerBound;
                 }
-                g_startFresh = 0;
-                g_triggerKind = 0;
+                g_search.startFresh = 0;
+                g_seams.triggerKind = 0;
                 break;
             default:
                 break;
@@ -775,24 +756,24 @@ void AfFrame() {
     }
     // 9.
     if (g_afState != 2)
-        g_watchBegun = 0;
+        g_watch.watchBegun = 0;
 }
 
 void ReturnToLastPosition() {
     SetSearchBounds();
     uint16_t target = g_lastAfPos;
-    if (target < g_lowerBound)
-        target = g_lowerBound;
-    if (target > g_upperBound)
-        target = g_upperBound;
+    if (target < g_search.lowerBound)
+        target = g_search.lowerBound;
+    if (target > g_search.upperBound)
+        target = g_search.upperBound;
     g_lastAfPos = target;
     const uint16_t p = af_focus();
     if (p < target) {
-        g_searchDir = 2;
+        g_search.searchDir = 2;
         const uint32_t d = target - p;
         StepMove(static_cast<uint16_t>(d > 30 ? 30 : d));
     } else if (p > target) {
-        g_searchDir = 1;
+        g_search.searchDir = 1;
         const uint32_t d = p - target;
         StepMove(static_cast<uint16_t>(d > 30 ? 30 : d));
     }
@@ -809,15 +790,15 @@ void set_distance_assist_mode(uint8_t on) {
 
 void refresh_window_mask(uint8_t use_isp) {
     if (use_isp == 0) {
-        g_fullMaskFlag = 1;
+        g_seams.fullMaskFlag = 1;
         return;
     }
     uint8_t mask[kWindowCount];
     if (isp_read_window_mask(mask) == 1) {
-        g_fullMaskFlag = 1;
+        g_seams.fullMaskFlag = 1;
         return;
     }
-    g_fullMaskFlag = 0;
+    g_seams.fullMaskFlag = 0;
 }
 
 void af_set_position_publisher(void (*publish)()) {
@@ -831,30 +812,9 @@ void af_reset_for_testing() {
     g_oneShotStage = 0;
     g_zoomMotionMarker = 0;
     g_lastAfPos = 0;
-    g_searchPhase = 1;
-    g_searchDir = 2;
-    g_lastDirSeen = 2;
-    g_framesInDir = 0;
-    g_hitLower = g_hitUpper = 0;
-    g_lastZoom = 10000;
-    g_lastDigitalZoom = 0;
-    g_searchStartPos = 0;
-    g_failCount = 0;
-    g_giveUp = 0;
-    g_ptMoveFrames = 0;
-    g_ptHold = 0;
-    g_refocusCause = 0;
-    g_restartReason = 0;
-    g_firstAfterZoom = 0;
-    g_dirCheckArmed = 0;
-    g_startFresh = 0;
-    g_focusDone = 0;
-    g_noPeak = 0;
+    search_state_reset();
     set_af_slow(0);
-    g_stateOneFrames = 0;
     g_hooksInstalled = 0;
-    g_upwardMarker = 0;
-    g_countedDir = 0;
     focus_zone_reset_for_testing();
     focus_value_reset_for_testing();
     contrast_search_reset_for_testing();

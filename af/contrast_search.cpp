@@ -18,50 +18,21 @@
 #include "lens_api/lens_position.h"
 #include "scene/scene_analyzer.h"
 
-int8_t g_coarseStep = 2;
-uint16_t g_coarseFrames = 0;
-uint32_t g_finalReturn = 0;
-uint32_t g_nearEndTried = 0;
-uint32_t g_farEndTried = 0;
+CoarseState g_coarse;
+ClimbState g_climb;
+
+void coarse_state_reset() {
+    g_coarse = CoarseState{};
+}
+
+void climb_state_reset() {
+    g_climb = ClimbState{};
+}
 
 namespace {
 
-int8_t g_coarseMin = 2;
-uint16_t g_endReturn = 0;
-uint16_t g_endTarget = 0;
-
-uint8_t g_climbMult = 1;
-uint8_t g_climbUps = 0;
-uint8_t g_climbDowns = 0;
-uint16_t g_climbFrames = 0;
-uint8_t g_climbFalls = 0;
-uint32_t g_climbMax = 50;
-uint16_t g_climbMaxPos = 0;
-uint8_t g_returns = 0;
-uint8_t g_returning = 0;
-uint8_t g_armed = 0;
-uint8_t g_farJump = 0;
-uint8_t g_tries = 0;
-uint16_t g_candPos = 0;
-uint16_t g_prevCandPos = 0;
-uint32_t g_candThreshold = 0;
-uint16_t g_flatFrames = 0;
-uint16_t g_rateHist[3] = {};
-uint16_t g_riseHist[3] = {};
-uint8_t g_unconfirmed = 0;
-
-uint32_t g_runMin = 0xFFFF;
-uint16_t g_runMinPos = 0;
-uint32_t g_runMax = 0;
-uint16_t g_runMaxPos = 0;
-uint16_t g_runFrames = 0;
-
-// Trend series, oldest first.
-uint32_t g_seriesF[5];
-uint32_t g_seriesV[5];
-uint32_t g_seriesH[5];
-uint8_t g_seriesN = 0;
-
+// Scratch, not state: the zone's blocks, rebuilt before every use by the trend series and the
+// end test.
 FhCellList g_zoneCells;
 
 inline uint32_t absdiff(uint32_t a, uint32_t b) {
@@ -78,7 +49,7 @@ void build_zone_cells(FhCellList* cells) {
         for (int r = r0; r < r0 + 3; ++r)
             for (int c = c0; c < c0 + 3; ++c) {
                 const int b = r * kGridCols + c;
-                if (g_focusZone.blockMask[b] == 1 && g_excludedMask[b] == 0)
+                if (g_focusZone.blockMask[b] == 1 && g_focusValue.excludedMask[b] == 0)
                     cells->add(static_cast<uint8_t>(r), static_cast<uint8_t>(c));
             }
     }
@@ -109,10 +80,10 @@ float slope(const uint32_t* y, int n) {
 }
 
 uint8_t trend(const uint32_t* s, uint8_t n, float rel_thr, float slope_thr, bool raw) {
-    const bool lights = g_pointLightZone != 0;
-    if (g_framesInDir < 3 || n < 3)
+    const bool lights = g_seams.pointLightZone != 0;
+    if (g_search.framesInDir < 3 || n < 3)
         return 0;
-    if (!lights && (g_framesInDir < 4 || n < 4))
+    if (!lights && (g_search.framesInDir < 4 || n < 4))
         return 0;
     uint32_t m = 0;
     for (int i = 0; i < n; ++i)
@@ -145,7 +116,8 @@ uint8_t trend(const uint32_t* s, uint8_t n, float rel_thr, float slope_thr, bool
     const float rel = static_cast<float>(absdiff(last, first)) /
                       static_cast<float>((first > last ? first : last) + 1);
     const bool travel_ok =
-        (!raw && !low) || absdiff(last, first) > 3u * absdiff(g_posHist[0], g_posHist[4]);
+        (!raw && !low) ||
+        absdiff(last, first) > 3u * absdiff(g_focusValue.posHist[0], g_focusValue.posHist[4]);
     if ((rises >= 4 || (rises == 3 && falls == 0)) && rel > rel_thr && travel_ok)
         return 1;
     if ((falls >= 4 || (falls == 3 && rises == 0)) && rel > rel_thr && travel_ok)
@@ -192,9 +164,9 @@ uint32_t side_mean(uint16_t pos, uint8_t below, uint8_t up, uint8_t kind, FhSeri
 // is not, the scene has no peak on this side and the search turns round.
 bool end_test(bool climb) {
     build_zone_cells(&g_zoneCells);
-    const uint16_t p = g_posHist[0];
-    const uint8_t below = g_searchDir == 1 ? 4 : 0;
-    const uint8_t up = g_searchDir == 1 ? 1 : 5;
+    const uint16_t p = g_focusValue.posHist[0];
+    const uint8_t below = g_search.searchDir == 1 ? 4 : 0;
+    const uint8_t up = g_search.searchDir == 1 ? 1 : 5;
     const uint16_t cand = fh_best_position();
     for (uint8_t kind = 4; kind <= 5; ++kind) {
         FhSeries cur;
@@ -214,10 +186,10 @@ uint8_t strongest_window() {
     uint8_t s = 0;
     uint32_t best = 0;
     for (int z = 0; z < kWindowCount; ++z) {
-        if (g_focusZone.windowMask[z] == 0 || g_winHist[0][z] < 50)
+        if (g_focusZone.windowMask[z] == 0 || g_focusValue.winHist[0][z] < 50)
             continue;
-        if (g_winHist[0][z] >= best) {
-            best = g_winHist[0][z];
+        if (g_focusValue.winHist[0][z] >= best) {
+            best = g_focusValue.winHist[0][z];
             s = static_cast<uint8_t>(z);
         }
     }
@@ -226,69 +198,69 @@ uint8_t strongest_window() {
 
 void point_towards(uint16_t target) {
     if (target < af_focus())
-        g_searchDir = 1;
+        g_search.searchDir = 1;
     else if (target > af_focus())
-        g_searchDir = 2;
+        g_search.searchDir = 2;
 }
 
 void end_reached(bool near_end, bool from_climb) {
     FlipDirection();
     if (from_climb) {
         fh_event_append(3, 1, af_focus());
-        g_nearEndTried = 1;
-        g_farEndTried = 1;
-        g_endTarget = fh_far_candidate();
+        g_coarse.nearEndTried = 1;
+        g_coarse.farEndTried = 1;
+        g_coarse.endTarget = fh_far_candidate();
     } else {
         fh_event_append(2, 1, af_focus());
         if (near_end) {
-            g_nearEndTried = 1;
-            g_endTarget = g_farEndTried ? fh_far_candidate() : fh_near_candidate();
+            g_coarse.nearEndTried = 1;
+            g_coarse.endTarget = g_coarse.farEndTried ? fh_far_candidate() : fh_near_candidate();
         } else {
-            g_farEndTried = 1;
-            g_endTarget = g_nearEndTried ? fh_far_candidate() : fh_near_candidate();
+            g_coarse.farEndTried = 1;
+            g_coarse.endTarget = g_coarse.nearEndTried ? fh_far_candidate() : fh_near_candidate();
         }
     }
-    g_searchPhase = 1;
-    g_endReturn = 1;
+    g_search.searchPhase = 1;
+    g_coarse.endReturn = 1;
     g_focusZone.enabled = 0;
 }
 
 bool near_end_due() {
-    return g_framesInDir > 4 && g_fvHist[0] < 300 && g_nearEndTried == 0 && g_searchDir == 1 &&
-           g_posHist[0] <= g_nearThreshold;
+    return g_search.framesInDir > 4 && g_focusValue.fvHist[0] < 300 && g_coarse.nearEndTried == 0 &&
+           g_search.searchDir == 1 && g_focusValue.posHist[0] <= g_search.nearThreshold;
 }
 bool far_end_due() {
-    return g_framesInDir > 4 && g_fvHist[0] < 300 && g_farEndTried == 0 && g_searchDir == 2 &&
-           g_posHist[0] >= g_farThreshold;
+    return g_search.framesInDir > 4 && g_focusValue.fvHist[0] < 300 && g_coarse.farEndTried == 0 &&
+           g_search.searchDir == 2 && g_focusValue.posHist[0] >= g_search.farThreshold;
 }
 
 // ---- Climb helpers ----
 
 bool drop_confirmed() {
-    const uint32_t* fv = g_fvHist;
+    const uint32_t* fv = g_focusValue.fvHist;
     if (!(af_low_light() && fv[2] <= 120))
         return true;
     return (fv[2] - fv[1]) > fv[1] * 5 / 32 && (fv[1] - fv[0]) > fv[0] * 5 / 32;
 }
 
 bool climb_peak_real() {
-    const uint32_t span = absdiff(g_runMaxPos, g_runMinPos);
+    const uint32_t span = absdiff(g_climb.runMaxPos, g_climb.runMinPos);
     const uint32_t k = span <= 14   ? 100
                        : span <= 24 ? 150
                        : span <= 49 ? 200
                        : span <= 99 ? 250
                                     : 300;
-    if (af_low_light() && g_runMax <= 400)
+    if (af_low_light() && g_climb.runMax <= 400)
         return false;
-    const bool behind = (g_searchDir == 1 && g_runMaxPos > g_runMinPos) ||
-                        (g_searchDir == 2 && g_runMaxPos < g_runMinPos);
-    if (absdiff(g_runMax, g_runMin) > g_runMin * k / 1024 && behind)
+    const bool behind = (g_search.searchDir == 1 && g_climb.runMaxPos > g_climb.runMinPos) ||
+                        (g_search.searchDir == 2 && g_climb.runMaxPos < g_climb.runMinPos);
+    if (absdiff(g_climb.runMax, g_climb.runMin) > g_climb.runMin * k / 1024 && behind)
         return true;
-    if ((g_unconfirmed > 2 && g_flatFrames < 5) || !g_pointLightZone)
+    if ((g_climb.unconfirmed > 2 && g_climb.flatFrames < 5) || !g_seams.pointLightZone)
         return true;
     if (span > 49)
         return false;
-    ++g_unconfirmed;
+    ++g_climb.unconfirmed;
     return false;
 }
 
@@ -306,9 +278,9 @@ int table_rule(int m, int b, int rate) {
 }
 
 int history_rule(int m, int t) {
-    const int h0 = g_rateHist[0];
-    const int h1 = g_rateHist[1];
-    const int h2 = g_rateHist[2];
+    const int h0 = g_climb.rateHist[0];
+    const int h1 = g_climb.rateHist[1];
+    const int h2 = g_climb.rateHist[2];
     if (m >= 3) {
         if (m > 16)
             m = 16;
@@ -318,16 +290,16 @@ int history_rule(int m, int t) {
             return h1 < 3 ? m - 4 : m - 2;
         return m - 1;
     }
-    if (g_fvHist[0] >= g_fvHist[1] &&
+    if (g_focusValue.fvHist[0] >= g_focusValue.fvHist[1] &&
         ((h0 > h1 && h1 > h2 && h2 > t) || h0 < 25 || (m == 2 && h0 < 50)))
         return 2;
     return 1;
 }
 
 uint8_t climb_multiplier(int b) {
-    int m = g_climbMult;
-    const uint32_t* fv = g_fvHist;
-    const uint32_t dp = absdiff(g_posHist[0], g_posHist[1]);
+    int m = g_climb.climbMult;
+    const uint32_t* fv = g_focusValue.fvHist;
+    const uint32_t dp = absdiff(g_focusValue.posHist[0], g_focusValue.posHist[1]);
     const bool low = af_low_light() != 0;
     bool contrast = false;
     bool big_jump = false;
@@ -342,16 +314,16 @@ uint8_t climb_multiplier(int b) {
         for (int z = 0; z < kWindowCount; ++z) {
             if (g_focusZone.windowMask[z] == 0)
                 continue;
-            const uint32_t r = absdiff(g_winHist[0][z], g_winHist[1][z]) / dp;
+            const uint32_t r = absdiff(g_focusValue.winHist[0][z], g_focusValue.winHist[1][z]) / dp;
             rate = r > rate ? r : rate;
-            if (g_winHist[0][z] >= 51)
+            if (g_focusValue.winHist[0][z] >= 51)
                 contrast = true;
         }
     }
-    g_rateHist[2] = g_rateHist[1];
-    g_rateHist[1] = g_rateHist[0];
-    g_rateHist[0] = static_cast<uint16_t>(rate > 0xFFFF ? 0xFFFF : rate);
-    g_flatFrames = (rate < 6 && low) ? static_cast<uint16_t>(g_flatFrames + 1) : 0;
+    g_climb.rateHist[2] = g_climb.rateHist[1];
+    g_climb.rateHist[1] = g_climb.rateHist[0];
+    g_climb.rateHist[0] = static_cast<uint16_t>(rate > 0xFFFF ? 0xFFFF : rate);
+    g_climb.flatFrames = (rate < 6 && low) ? static_cast<uint16_t>(g_climb.flatFrames + 1) : 0;
     const int r = static_cast<int>(rate);
     if (big_jump) {
         contrast = true;
@@ -362,7 +334,7 @@ uint8_t climb_multiplier(int b) {
         else if (r > 7)
             m = history_rule(m, 8);
         else if (m >= 5)
-            m = (g_rateHist[1] < 3 && m > 6) ? m / 2 : m - 1;
+            m = (g_climb.rateHist[1] < 3 && m > 6) ? m / 2 : m - 1;
     } else {
         if (r < 7)
             m = table_rule(m, b, r);
@@ -373,18 +345,18 @@ uint8_t climb_multiplier(int b) {
     }
     if (!contrast)
         m += 2;
-    if (g_flatFrames > 5)
+    if (g_climb.flatFrames > 5)
         m += 2;
     static constexpr int kCap[16] = {2, 2, 2, 2, 2, 3, 3, 4, 7, 10, 10, 10, 10, 10, 10, 10};
     const int cap = kCap[(af_zoom() / 512) & 15];
     if (m > cap)
         m = cap;
     const uint16_t q = fv[0] > fv[1] ? static_cast<uint16_t>((fv[0] - fv[1]) * 128 / fv[0]) : 0;
-    g_riseHist[2] = g_riseHist[1];
-    g_riseHist[1] = g_riseHist[0];
-    g_riseHist[0] = q;
-    if (fv[2] != fv[1] && fv[2] != fv[3] && q >= 8 && q <= 14 && g_riseHist[1] > 7 &&
-        g_riseHist[2] > 7 && m < 2)
+    g_climb.riseHist[2] = g_climb.riseHist[1];
+    g_climb.riseHist[1] = g_climb.riseHist[0];
+    g_climb.riseHist[0] = q;
+    if (fv[2] != fv[1] && fv[2] != fv[3] && q >= 8 && q <= 14 && g_climb.riseHist[1] > 7 &&
+        g_climb.riseHist[2] > 7 && m < 2)
         m = 2;
     if (m <= 0)
         return 1;
@@ -393,25 +365,26 @@ uint8_t climb_multiplier(int b) {
 
 // After a walk back: in low light with the largest multiplier the climb may be chasing noise.
 void multiplier_check() {
-    if (g_climbMult >= 5 && af_low_light()) {
-        if (g_returns > 3) {
-            g_returns = 0;
-            g_giveUp = 1;
+    if (g_climb.climbMult >= 5 && af_low_light()) {
+        if (g_climb.returns > 3) {
+            g_climb.returns = 0;
+            g_search.giveUp = 1;
             return;
         }
-        if (absdiff(g_candPos, g_prevCandPos) > 7 && g_fvHist[0] * 2 >= g_fvHist[2]) {
-            g_climbMult = g_climbMult / 2 ? g_climbMult / 2 : 1;
+        if (absdiff(g_climb.candPos, g_climb.prevCandPos) > 7 &&
+            g_focusValue.fvHist[0] * 2 >= g_focusValue.fvHist[2]) {
+            g_climb.climbMult = g_climb.climbMult / 2 ? g_climb.climbMult / 2 : 1;
             return;
         }
     }
-    g_finalReturn = 1;
+    g_climb.finalReturn = 1;
 }
 
 void walk_back(uint16_t to, uint32_t threshold_fv) {
     point_towards(to);
-    g_returning = 1;
-    StepMove(static_cast<uint16_t>(absdiff(to, g_posHist[0])));
-    ++g_returns;
+    g_climb.returning = 1;
+    StepMove(static_cast<uint16_t>(absdiff(to, g_focusValue.posHist[0])));
+    ++g_climb.returns;
     (void)threshold_fv;
 }
 
@@ -423,40 +396,40 @@ void StepMove(uint16_t step) {
     if (step > 60)
         step = 60;
     const uint16_t p = af_focus();
-    g_posHist[0] = p;
+    g_focusValue.posHist[0] = p;
     bool plain = false;
     uint16_t down = 0;
     uint16_t up = 0;
-    if (p > g_lowerBound && p < g_upperBound) {
-        if (g_searchDir == 1) {
-            if (p - step > g_lowerBound) {
+    if (p > g_search.lowerBound && p < g_search.upperBound) {
+        if (g_search.searchDir == 1) {
+            if (p - step > g_search.lowerBound) {
                 down = step;
                 plain = true;
             } else {
-                down = static_cast<uint16_t>(p - g_lowerBound);
-                g_searchDir = 2;
-                g_hitLower = 1;
+                down = static_cast<uint16_t>(p - g_search.lowerBound);
+                g_search.searchDir = 2;
+                g_search.hitLower = 1;
             }
-        } else if (g_searchDir == 2) {
-            if (p + step < g_upperBound) {
+        } else if (g_search.searchDir == 2) {
+            if (p + step < g_search.upperBound) {
                 up = step;
                 plain = true;
             } else {
-                up = static_cast<uint16_t>(g_upperBound - p);
-                g_searchDir = 1;
-                g_hitUpper = 1;
+                up = static_cast<uint16_t>(g_search.upperBound - p);
+                g_search.searchDir = 1;
+                g_search.hitUpper = 1;
             }
         } else {
             return;
         }
-    } else if (p >= g_upperBound) {
+    } else if (p >= g_search.upperBound) {
         down = step;
-        g_searchDir = 1;
-        g_hitUpper = 1;
+        g_search.searchDir = 1;
+        g_search.hitUpper = 1;
     } else {
         up = step;
-        g_searchDir = 2;
-        g_hitLower = 1;
+        g_search.searchDir = 2;
+        g_search.hitLower = 1;
     }
     if (down > 0)
         lens_move(0, 0, 0, static_cast<uint8_t>(down));
@@ -501,17 +474,17 @@ bool PositionsMonotone(uint8_t n) {
     bool inc = true;
     for (int i = n - 1; i > 0; --i) {
         // p(i) compared with p(i-1): walking from the oldest to the newest.
-        if (!(g_posHist[i] > g_posHist[i - 1]))
+        if (!(g_focusValue.posHist[i] > g_focusValue.posHist[i - 1]))
             dec = false;
-        if (!(g_posHist[i] < g_posHist[i - 1]))
+        if (!(g_focusValue.posHist[i] < g_focusValue.posHist[i - 1]))
             inc = false;
     }
     return dec || inc;
 }
 
 bool PeakTest(uint8_t kind) {
-    const uint32_t* fv = g_fvHist;
-    const uint16_t* p = g_posHist;
+    const uint32_t* fv = g_focusValue.fvHist;
+    const uint16_t* p = g_focusValue.posHist;
     const uint16_t z = af_zoom();
     switch (kind) {
         case 0:
@@ -560,12 +533,12 @@ bool PeakTest(uint8_t kind) {
 }
 
 bool WindowTrend(uint8_t kind, uint8_t w) {
-    const uint32_t W0 = g_winHist[0][w];
-    const uint32_t W1 = g_winHist[1][w];
-    const uint32_t W2 = g_winHist[2][w];
-    const uint32_t W3 = g_winHist[3][w];
-    const uint32_t W4 = g_winHist[4][w];
-    const bool lights = g_pointLightZone != 0;
+    const uint32_t W0 = g_focusValue.winHist[0][w];
+    const uint32_t W1 = g_focusValue.winHist[1][w];
+    const uint32_t W2 = g_focusValue.winHist[2][w];
+    const uint32_t W3 = g_focusValue.winHist[3][w];
+    const uint32_t W4 = g_focusValue.winHist[4][w];
+    const bool lights = g_seams.pointLightZone != 0;
     const bool pl1 = g_pointLightMeasure == 1;
     switch (kind) {
         case 0:
@@ -588,28 +561,28 @@ bool WindowTrend(uint8_t kind, uint8_t w) {
 // ---- Running extremes since the last direction change ----
 
 void reset_running_extremes() {
-    g_runMin = 0xFFFF;
-    g_runMax = 0;
-    g_runFrames = 0;
+    g_climb.runMin = 0xFFFF;
+    g_climb.runMax = 0;
+    g_climb.runFrames = 0;
 }
 
 void update_running_extremes() {
-    if (g_framesInDir == 1) {
+    if (g_search.framesInDir == 1) {
         reset_running_extremes();
     }
-    if (g_runFrames < 30)
-        ++g_runFrames;
-    const uint32_t fv0 = g_fvHist[0];
-    const uint16_t p0 = g_posHist[0];
-    if (fv0 < g_runMin) {
-        g_runMin = fv0;
-        g_runMinPos = p0;
+    if (g_climb.runFrames < 30)
+        ++g_climb.runFrames;
+    const uint32_t fv0 = g_focusValue.fvHist[0];
+    const uint16_t p0 = g_focusValue.posHist[0];
+    if (fv0 < g_climb.runMin) {
+        g_climb.runMin = fv0;
+        g_climb.runMinPos = p0;
     }
-    if (fv0 > g_runMax) {
-        g_runMax = fv0;
-        g_runMaxPos = p0;
-        g_runMin = fv0;
-        g_runMinPos = p0;
+    if (fv0 > g_climb.runMax) {
+        g_climb.runMax = fv0;
+        g_climb.runMaxPos = p0;
+        g_climb.runMin = fv0;
+        g_climb.runMinPos = p0;
     }
 }
 
@@ -617,18 +590,18 @@ void update_running_extremes() {
 
 void update_trend_series() {
     build_zone_cells(&g_zoneCells);
-    std::memcpy(g_seriesF, g_fvQueue, sizeof g_seriesF);
+    std::memcpy(g_coarse.seriesF, g_focusValue.fvQueue, sizeof g_coarse.seriesF);
     FhSeries v;
     FhSeries h;
     fh_ring_series(&v, g_zoneCells, 4, 5);
     fh_ring_series(&h, g_zoneCells, 5, 5);
-    g_seriesN = v.n;
-    std::memcpy(g_seriesV, v.v, v.n * sizeof(uint32_t));
-    std::memcpy(g_seriesH, h.v, h.n * sizeof(uint32_t));
+    g_coarse.seriesN = v.n;
+    std::memcpy(g_coarse.seriesV, v.v, v.n * sizeof(uint32_t));
+    std::memcpy(g_coarse.seriesH, h.v, h.n * sizeof(uint32_t));
 }
 
 void clear_trend_series() {
-    g_seriesN = 0;
+    g_coarse.seriesN = 0;
 }
 
 void clear_fine_counters() {
@@ -638,32 +611,32 @@ void clear_fine_counters() {
 // ---- Coarse approach ----
 
 void CoarseReset() {
-    g_coarseFrames = 0;
-    g_coarseStep = 2;
-    g_endReturn = 0;
+    g_coarse.coarseFrames = 0;
+    g_coarse.coarseStep = 2;
+    g_coarse.endReturn = 0;
 }
 
 void CoarseStep() {
     const uint16_t z = af_zoom();
-    const uint16_t p0 = g_posHist[0];
+    const uint16_t p0 = g_focusValue.posHist[0];
     // 1. Returning from an end of the range to the best place seen there.
-    if (g_endReturn == 1) {
-        if (g_endTarget < g_lowerBound)
-            g_endTarget = g_lowerBound;
-        if (g_endTarget > g_upperBound)
-            g_endTarget = g_upperBound;
+    if (g_coarse.endReturn == 1) {
+        if (g_coarse.endTarget < g_search.lowerBound)
+            g_coarse.endTarget = g_search.lowerBound;
+        if (g_coarse.endTarget > g_search.upperBound)
+            g_coarse.endTarget = g_search.upperBound;
         const uint16_t s = z <= 5000 ? 35 : 50;
-        point_towards(g_endTarget);
-        const uint32_t d = absdiff(g_endTarget, af_focus());
+        point_towards(g_coarse.endTarget);
+        const uint32_t d = absdiff(g_coarse.endTarget, af_focus());
         if (d >= 2u * s)
             StepMove(static_cast<uint16_t>(2 * s));
         else if (d >= s)
             StepMove(s);
         else if (d >= 1)
             StepMove(static_cast<uint16_t>(d));
-        if (af_focus() == g_endTarget) {
-            g_endReturn = 0;
-            if (g_nearEndTried && g_farEndTried) {
+        if (af_focus() == g_coarse.endTarget) {
+            g_coarse.endReturn = 0;
+            if (g_coarse.nearEndTried && g_coarse.farEndTried) {
                 // Both ends tried: the two windows that peaked highest make the zone.
                 uint32_t peaks[kWindowCount];
                 fh_copy_peak_table(peaks);
@@ -679,9 +652,9 @@ void CoarseStep() {
                 g_focusZone.windowMask[first] = 1;
                 g_focusZone.windowMask[second] = 1;
                 g_focusZone.reset_block_mask();
-                g_searchPhase = 3;
+                g_search.searchPhase = 3;
             } else {
-                g_searchPhase = 1;
+                g_search.searchPhase = 1;
             }
         }
         return;
@@ -689,45 +662,45 @@ void CoarseStep() {
     // 2. The strongest window steers the step.
     const uint8_t s = strongest_window();
     // 3. A bound hit hands over to the climb, walking back into the range.
-    if (g_hitLower || g_hitUpper) {
-        g_searchPhase = 2;
-        g_searchDir = g_hitLower ? 2 : 1;
+    if (g_search.hitLower || g_search.hitUpper) {
+        g_search.searchPhase = 2;
+        g_search.searchDir = g_search.hitLower ? 2 : 1;
         fh_event_append(2, 2, af_focus());
     }
     // 4. The first frame sets the step from how far the focus stands from the likely range.
-    if (g_coarseFrames == 0) {
-        g_coarseStep = z < 3746 ? 2 : z < 4476 ? 3 : 4;
+    if (g_coarse.coarseFrames == 0) {
+        g_coarse.coarseStep = z < 3746 ? 2 : z < 4476 ? 3 : 4;
         const int32_t inf = af_curve_base();
         const int32_t span = af_far_offset(50);
         const int32_t p = p0;
         if (p < inf - 100)
-            g_coarseStep = static_cast<int8_t>(g_coarseStep * 4);
+            g_coarse.coarseStep = static_cast<int8_t>(g_coarse.coarseStep * 4);
         else if (p < inf - 75)
-            g_coarseStep = static_cast<int8_t>(g_coarseStep * 3);
+            g_coarse.coarseStep = static_cast<int8_t>(g_coarse.coarseStep * 3);
         else if (p < inf - 50)
-            g_coarseStep = static_cast<int8_t>(g_coarseStep * 2);
+            g_coarse.coarseStep = static_cast<int8_t>(g_coarse.coarseStep * 2);
         else if (p > inf + span + 50)
-            g_coarseStep = static_cast<int8_t>(g_coarseStep * 4);
-        g_coarseMin = g_coarseStep;
+            g_coarse.coarseStep = static_cast<int8_t>(g_coarse.coarseStep * 4);
+        g_coarse.coarseMin = g_coarse.coarseStep;
     }
     // 5. Adapt the step.
-    if (g_searchPhase != 2) {
-        ++g_coarseFrames;
-        const uint32_t a = g_winHist[0][s];
-        const uint32_t b = g_winHist[1][s];
-        const uint32_t c = g_winHist[2][s];
-        const bool fine_start = g_startedFine != 0;
-        int step = g_coarseStep;
+    if (g_search.searchPhase != 2) {
+        ++g_coarse.coarseFrames;
+        const uint32_t a = g_focusValue.winHist[0][s];
+        const uint32_t b = g_focusValue.winHist[1][s];
+        const uint32_t c = g_focusValue.winHist[2][s];
+        const bool fine_start = g_fine.startedFine != 0;
+        int step = g_coarse.coarseStep;
         bool floor = true;
-        if (g_coarseFrames > 1 && !fine_start && a < 1300 && absdiff(a, b) < 20) {
+        if (g_coarse.coarseFrames > 1 && !fine_start && a < 1300 && absdiff(a, b) < 20) {
             step += 2;
             floor = false;
-        } else if (g_coarseFrames > 1 && !fine_start && a < 1300 && absdiff(a, b) > 20) {
+        } else if (g_coarse.coarseFrames > 1 && !fine_start && a < 1300 && absdiff(a, b) > 20) {
             step -= 2;
-        } else if (g_coarseFrames > 2 && a < 1300 && !fine_start &&
+        } else if (g_coarse.coarseFrames > 2 && a < 1300 && !fine_start &&
                    absdiff(a, b) > 2 * absdiff(b, c)) {
             step -= 4;
-        } else if (g_coarseFrames > 2 && a > 1300 && !fine_start && PositionsMonotone(3)) {
+        } else if (g_coarse.coarseFrames > 2 && a > 1300 && !fine_start && PositionsMonotone(3)) {
             const uint32_t d = absdiff(a, b);
             const uint32_t e = absdiff(b, c);
             if (d > 4 * e)
@@ -742,11 +715,11 @@ void CoarseStep() {
             step -= 2;
         } else {
             floor = false;
-            if (g_coarseFrames % 5 == 0 && absdiff(af_focus(), g_searchStartPos) > 9)
+            if (g_coarse.coarseFrames % 5 == 0 && absdiff(af_focus(), g_search.searchStartPos) > 9)
                 step *= 2;
         }
-        if (floor && step < g_coarseMin)
-            step = g_coarseMin;
+        if (floor && step < g_coarse.coarseMin)
+            step = g_coarse.coarseMin;
         if (step > 30)
             step = 30;
         if (p0 > af_curve_base() && z < 3746 && step > 3)
@@ -755,106 +728,108 @@ void CoarseStep() {
             step = 10;
         if (step < 1)
             step = 1;
-        g_coarseStep = static_cast<int8_t>(step);
+        g_coarse.coarseStep = static_cast<int8_t>(step);
 
         // 6. Stop tests.
-        const uint8_t n = g_seriesN;
-        const uint8_t tf = TrendOfRaw(g_seriesF, 5, 0.1f, 15.0f);
-        const uint8_t tv = TrendOf(g_seriesV, n, 0.08f, 10.0f);
-        if (AllAgree(1, tf, tv, TrendOf(g_seriesH, n, 0.08f, 10.0f))) {
-            g_searchPhase = 2;
-        } else if (((g_sceneResult.event == 0 && g_coarseFrames > 3) ||
-                    (g_sceneResult.event != 0 && g_framesInDir >= 3)) &&
-                   AllAgree(2, tf, tv, TrendOf(g_seriesH, n, 0.12f, 30.0f))) {
-            g_searchPhase = 2;
+        const uint8_t n = g_coarse.seriesN;
+        const uint8_t tf = TrendOfRaw(g_coarse.seriesF, 5, 0.1f, 15.0f);
+        const uint8_t tv = TrendOf(g_coarse.seriesV, n, 0.08f, 10.0f);
+        if (AllAgree(1, tf, tv, TrendOf(g_coarse.seriesH, n, 0.08f, 10.0f))) {
+            g_search.searchPhase = 2;
+        } else if (((g_sceneResult.event == 0 && g_coarse.coarseFrames > 3) ||
+                    (g_sceneResult.event != 0 && g_search.framesInDir >= 3)) &&
+                   AllAgree(2, tf, tv, TrendOf(g_coarse.seriesH, n, 0.12f, 30.0f))) {
+            g_search.searchPhase = 2;
             FlipDirection();
             fh_event_append(2, 3, af_focus());
         } else if (near_end_due() && end_test(false)) {
             end_reached(true, false);
         } else if (far_end_due() && end_test(false)) {
             end_reached(false, false);
-        } else if (g_coarseFrames >= 4 && WindowTrend(2, s) && g_winHist[0][s] < g_winHist[1][s]) {
+        } else if (g_coarse.coarseFrames >= 4 && WindowTrend(2, s) &&
+                   g_focusValue.winHist[0][s] < g_focusValue.winHist[1][s]) {
             FlipDirection();
-            g_searchPhase = 2;
-            if (g_blockPath == 1 && g_firstAfterZoom == 1) {
+            g_search.searchPhase = 2;
+            if (g_blockPath == 1 && g_search.firstAfterZoom == 1) {
                 g_focusZone.clear_window_mask();
                 g_focusZone.windowMask[s] = 1;
                 g_focusZone.reset_block_mask();
                 for (int k = 0; k < 5; ++k)
-                    g_fvHist[k] = g_winHist[k][s];
+                    g_focusValue.fvHist[k] = g_focusValue.winHist[k][s];
             }
         }
     }
     // 7. The move.
-    StepMove(static_cast<uint16_t>(g_coarseStep));
+    StepMove(static_cast<uint16_t>(g_coarse.coarseStep));
     // 8. The climb starts with a small step.
-    if (g_searchPhase == 2) {
-        g_coarseStep = z < 2000 ? 1 : z < 3000 ? 2 : 3;
-        g_coarseFrames = 0;
-        g_finalReturn = 0;
+    if (g_search.searchPhase == 2) {
+        g_coarse.coarseStep = z < 2000 ? 1 : z < 3000 ? 2 : 3;
+        g_coarse.coarseFrames = 0;
+        g_climb.finalReturn = 0;
     }
 }
 
 // ---- Hill climb ----
 
 void ClearCandidate() {
-    g_returns = 0;
-    g_returning = 0;
-    g_armed = 0;
-    g_farJump = 0;
-    g_tries = 0;
-    g_candPos = 0;
-    g_prevCandPos = 0;
-    g_candThreshold = 0;
-    g_climbMult = 1;
-    g_finalReturn = 0;
-    g_finalStep = 1;
+    g_climb.returns = 0;
+    g_climb.returning = 0;
+    g_climb.armed = 0;
+    g_climb.farJump = 0;
+    g_climb.tries = 0;
+    g_climb.candPos = 0;
+    g_climb.prevCandPos = 0;
+    g_climb.candThreshold = 0;
+    g_climb.climbMult = 1;
+    g_climb.finalReturn = 0;
+    g_final.finalStep = 1;
 }
 
 void ClimbReset() {
-    g_climbUps = 0;
-    g_climbDowns = 0;
-    g_climbFrames = 0;
-    g_climbFalls = 0;
-    g_climbMax = 50;
-    g_climbMaxPos = af_focus();
+    g_climb.climbUps = 0;
+    g_climb.climbDowns = 0;
+    g_climb.climbFrames = 0;
+    g_climb.climbFalls = 0;
+    g_climb.climbMax = 50;
+    g_climb.climbMaxPos = af_focus();
     ClearCandidate();
 }
 
 void ClimbStep() {
-    const uint32_t* fv = g_fvHist;
-    const uint16_t* p = g_posHist;
+    const uint32_t* fv = g_focusValue.fvHist;
+    const uint16_t* p = g_focusValue.posHist;
     const uint16_t z = af_zoom();
     // 1. Counters.
     if (fv[0] > fv[1])
-        ++g_climbUps;
+        ++g_climb.climbUps;
     if (fv[0] < fv[1])
-        ++g_climbDowns;
-    ++g_climbFrames;
-    g_climbFalls = fv[0] < fv[1] ? static_cast<uint8_t>(g_climbFalls + 1) : 0;
-    if (fv[0] > g_climbMax) {
-        g_climbMax = fv[0];
-        g_climbMaxPos = p[0];
-        g_climbDowns = 0;
+        ++g_climb.climbDowns;
+    ++g_climb.climbFrames;
+    g_climb.climbFalls = fv[0] < fv[1] ? static_cast<uint8_t>(g_climb.climbFalls + 1) : 0;
+    if (fv[0] > g_climb.climbMax) {
+        g_climb.climbMax = fv[0];
+        g_climb.climbMaxPos = p[0];
+        g_climb.climbDowns = 0;
     }
     // 12. Returning to the candidate peak.
-    if (g_finalReturn == 1) {
-        const bool past = (fv[1] < fv[0] && g_tries == 0) || (fv[2] < fv[0] && g_tries == 1) ||
-                          (fv[3] < fv[0] && g_tries == 2);
-        if (fv[0] > g_candThreshold && past) {
-            const uint16_t target = g_candPos;
+    if (g_climb.finalReturn == 1) {
+        const bool past = (fv[1] < fv[0] && g_climb.tries == 0) ||
+                          (fv[2] < fv[0] && g_climb.tries == 1) ||
+                          (fv[3] < fv[0] && g_climb.tries == 2);
+        if (fv[0] > g_climb.candThreshold && past) {
+            const uint16_t target = g_climb.candPos;
             ClearCandidate();
-            g_searchPhase = 3;
+            g_search.searchPhase = 3;
             GoTo(target);
-        } else if (g_tries > 1) {
-            g_finalReturn = 0;
-            g_tries = 0;
-        } else if (af_focus() != g_candPos) {
-            GoTo(g_candPos);
-            ++g_tries;
+        } else if (g_climb.tries > 1) {
+            g_climb.finalReturn = 0;
+            g_climb.tries = 0;
+        } else if (af_focus() != g_climb.candPos) {
+            GoTo(g_climb.candPos);
+            ++g_climb.tries;
         } else {
             ClearCandidate();
-            g_searchPhase = 3;
+            g_search.searchPhase = 3;
             if (fv[0] < fv[1] && fv[1] < fv[2]) {
                 FlipDirection();
                 StepMove(static_cast<uint16_t>(absdiff(p[2], p[0])));
@@ -864,7 +839,7 @@ void ClimbStep() {
     }
     // 3. In a point-light measure a clear drop ends the climb at once.
     if (g_pointLightMeasure != 0 && fv[0] < fv[1] && fv[1] < fv[2] && fv[2] - fv[0] > 80) {
-        g_searchPhase = 3;
+        g_search.searchPhase = 3;
         FlipDirection();
         StepMove(static_cast<uint16_t>(absdiff(p[2], p[0])));
         std::fputs("高亮点数找到下降量 ", stdout);
@@ -876,96 +851,86 @@ void ClimbStep() {
     if (p[0] < 1500)
         b *= 2;
     // 5. An armed peak is confirmed by a second fall: walk back to it.
-    if (g_armed == 1 && fv[0] < fv[1] && fv[0] > 1000) {
-        g_armed = 0;
+    if (g_climb.armed == 1 && fv[0] < fv[1] && fv[0] > 1000) {
+        g_climb.armed = 0;
         point_towards(p[3]);
-        g_returning = 1;
+        g_climb.returning = 1;
         fh_event_append(3, 3, af_focus());
         StepMove(static_cast<uint16_t>(absdiff(p[3], p[0])));
-        ++g_returns;
-        g_candPos = fv[2] < fv[4] ? p[3] : p[2];
-        if (absdiff(g_candPos, p[0]) > 90)
-            g_farJump = 1;
+        ++g_climb.returns;
+        g_climb.candPos = fv[2] < fv[4] ? p[3] : p[2];
+        if (absdiff(g_climb.candPos, p[0]) > 90)
+            g_climb.farJump = 1;
         multiplier_check();
-        g_candThreshold = fv[3] >> g_returns;
-        g_prevCandPos = g_candPos;
+        g_climb.candThreshold = fv[3] >> g_climb.returns;
+        g_climb.prevCandPos = g_climb.candPos;
         return;
     }
     // 6. A peak behind the lens.
-    if (PeakTest(1) && g_returning == 0 && climb_peak_real()) {
+    if (PeakTest(1) && g_climb.returning == 0 && climb_peak_real()) {
         fh_event_append(3, 3, af_focus());
         if (drop_confirmed()) {
             walk_back(p[2], fv[2]);
             if (fv[1] >= fv[3])
-                g_candPos = p[2];
+                g_climb.candPos = p[2];
             else if (fv[2] < fv[3] || fv[0] < fv[4])
-                g_candPos = p[3];
+                g_climb.candPos = p[3];
             else if (fv[2] == fv[3] || fv[2] - fv[3] >= fv[2] * 6 / 32)
-                g_candPos = p[2];
+                g_climb.candPos = p[2];
             else
-                g_candPos = p[3];
-            if (absdiff(g_candPos, p[0]) > 80)
-                g_farJump = 1;
+                g_climb.candPos = p[3];
+            if (absdiff(g_climb.candPos, p[0]) > 80)
+                g_climb.farJump = 1;
             multiplier_check();
-            g_candThreshold = fv[2] >> g_returns;
-            g_prevCandPos = g_candPos;
+            g_climb.candThreshold = fv[2] >> g_climb.returns;
+            g_climb.prevCandPos = g_climb.candPos;
             return;
         }
-        g_armed = 1;
-        g_climbMult = g_climbMult > 4 ? 5 : climb_multiplier(b);
-        if (absdiff(g_searchStartPos, p[0]) < 5u * b)
-            g_climbMult = 1;
-        StepMove(static_cast<uint16_t>(g_climbMult * b));
+        g_climb.armed = 1;
+        g_climb.climbMult = g_climb.climbMult > 4 ? 5 : climb_multiplier(b);
+        if (absdiff(g_search.searchStartPos, p[0]) < 5u * b)
+            g_climb.climbMult = 1;
+        StepMove(static_cast<uint16_t>(g_climb.climbMult * b));
         return;
     }
     // 7-8. A long fall from a clear maximum: go straight back to it.
-    const bool falling_run = ((g_climbFrames == 3 && g_climbDowns == 3) ||
-                              (g_climbFrames >= 4 && g_climbDowns >= g_climbFrames * 3 / 4)) &&
-                             fv[0] * 3 / 2 < g_climbMax && g_climbMax > 1500;
+    const bool falling_run =
+        ((g_climb.climbFrames == 3 && g_climb.climbDowns == 3) ||
+         (g_climb.climbFrames >= 4 && g_climb.climbDowns >= g_climb.climbFrames * 3 / 4)) &&
+        fv[0] * 3 / 2 < g_climb.climbMax && g_climb.climbMax > 1500;
     const bool long_fall =
-        g_climbMax > 800 &&
-        ((g_climbFalls > 3 && fv[4] > fv[0] && fv[4] - fv[0] > fv[4] / 8) || g_climbFalls > 4);
+        g_climb.climbMax > 800 &&
+        ((g_climb.climbFalls > 3 && fv[4] > fv[0] && fv[4] - fv[0] > fv[4] / 8) ||
+         g_climb.climbFalls > 4);
     if (falling_run || long_fall) {
-        const uint16_t target = g_climbMaxPos;
+        const uint16_t target = g_climb.climbMaxPos;
         ClearCandidate();
-        g_searchPhase = 3;
+        g_search.searchPhase = 3;
         GoTo(target);
         return;
     }
     // 9. The ends of the range.
     if ((near_end_due() || far_end_due()) && end_test(true)) {
-        end_reached(g_searchDir == 1, true);
+        end_reached(g_search.searchDir == 1, true);
         return;
     }
     // 10. Keep climbing.
-    g_returning = 0;
-    g_armed = 0;
-    if (g_farJump) {
-        g_farJump = 0;
-        StepMove(static_cast<uint16_t>(absdiff(g_candPos, p[0])));
+    g_climb.returning = 0;
+    g_climb.armed = 0;
+    if (g_climb.farJump) {
+        g_climb.farJump = 0;
+        StepMove(static_cast<uint16_t>(absdiff(g_climb.candPos, p[0])));
         return;
     }
     // 11. The multiplier follows the slope.
-    if (!(g_climbMult > 3 && fv[0] < fv[1] && fv[1] - fv[0] > fv[1] / 8))
-        g_climbMult = climb_multiplier(b);
-    if (absdiff(g_searchStartPos, p[0]) < 5u * b)
-        g_climbMult = 1;
-    StepMove(static_cast<uint16_t>(g_climbMult * b));
+    if (!(g_climb.climbMult > 3 && fv[0] < fv[1] && fv[1] - fv[0] > fv[1] / 8))
+        g_climb.climbMult = climb_multiplier(b);
+    if (absdiff(g_search.searchStartPos, p[0]) < 5u * b)
+        g_climb.climbMult = 1;
+    StepMove(static_cast<uint16_t>(g_climb.climbMult * b));
 }
 
 void contrast_search_reset_for_testing() {
-    g_coarseStep = 2;
-    g_coarseMin = 2;
-    g_coarseFrames = 0;
-    g_endReturn = 0;
-    g_endTarget = 0;
-    g_nearEndTried = 0;
-    g_farEndTried = 0;
-    ClimbReset();
-    g_flatFrames = 0;
-    std::memset(g_rateHist, 0, sizeof g_rateHist);
-    std::memset(g_riseHist, 0, sizeof g_riseHist);
-    g_unconfirmed = 0;
-    reset_running_extremes();
-    g_seriesN = 0;
+    coarse_state_reset();
+    climb_state_reset();
 }

@@ -20,29 +20,14 @@
 #include "isp/isp_link.h"
 #include "scene/scene_analyzer.h"
 
-uint32_t g_winHist[5][kWindowCount];
-uint32_t g_winIir2Hist[5][kWindowCount];
-uint32_t g_gridHist[5][kGridBlocks];
-uint32_t g_iir2GridHist[5][kGridBlocks];
-uint32_t g_fvHist[5] = {50, 50, 50, 50, 50};
-uint32_t g_sceneSharpHist[5] = {50, 50, 50, 50, 50};
-uint16_t g_posHist[5];
-uint32_t g_fvQueue[5] = {50, 50, 50, 50, 50};
-uint16_t g_posQueue[5];
-uint32_t g_frameMaxWindow = 0;
-uint32_t g_searchMaxWindow = 0;
-uint16_t g_searchMaxWindowPos = 0;
-uint8_t g_highlightMask[kGridBlocks];
-uint8_t g_excludedMask[kGridBlocks];
-uint8_t g_markerA = 1;
-uint8_t g_markerC = 1;
-uint8_t g_rule3Acted = 0;
+FocusValueState g_focusValue;
+
+void focus_value_state_reset() {
+    g_focusValue = FocusValueState{};
+}
 
 namespace {
 
-uint32_t g_bestFv = 50;
-uint16_t g_bestFvPos = 0;
-uint32_t g_centreHist[4] = {};
 // Frame record scratch (kept out of the stack: 4.5 KiB).
 FhFrame g_frameRecord;
 
@@ -51,14 +36,14 @@ inline uint32_t plus50(uint32_t v) {
 }
 
 void refresh_masks() {
-    copy_live_highlight_mask(g_highlightMask);
-    copy_latched_highlight_core(g_excludedMask);
+    copy_live_highlight_mask(g_focusValue.highlightMask);
+    copy_latched_highlight_core(g_focusValue.excludedMask);
 }
 
 void push_queues() {
     for (int k = 0; k < 5; ++k) {
-        g_fvQueue[k] = g_fvHist[4 - k];
-        g_posQueue[k] = g_posHist[4 - k];
+        g_focusValue.fvQueue[k] = g_focusValue.fvHist[4 - k];
+        g_focusValue.posQueue[k] = g_focusValue.posHist[4 - k];
     }
 }
 
@@ -87,7 +72,7 @@ uint32_t selected_highlight_mean() {
 
 void end_point_light_mode() {
     g_pointLightMeasure = 0;
-    g_lumaCheckArmed = 0;
+    g_watch.lumaCheckArmed = 0;
     highlight_clear_latched();
 }
 
@@ -123,13 +108,13 @@ void deselect_highlight_windows() {
 
 // Zone refinement, run once per sampled search frame.
 void refine_zone() {
-    const uint32_t* w0 = g_winHist[0];
+    const uint32_t* w0 = g_focusValue.winHist[0];
     const bool tracking = get_tracking_on() != 0;
     // 2. Tracking-region search.
-    if (tracking && g_triggerKind == 2) {
+    if (tracking && g_seams.triggerKind == 2) {
         if (g_focusZone.selected_count() != 0) {
             update_peak_map(1);
-            if (g_trackLock)
+            if (g_seams.trackLock)
                 locked_region_check();
             else
                 unlocked_region_check();
@@ -141,18 +126,19 @@ void refine_zone() {
     const bool low_light = af_low_light() != 0;
     // 3. A low-light search that bounced off the lower bound and now climbs well above its start
     //    measures the plain window average: the block path chases lamps in the dark.
-    if (g_zoneType != 3 && low_light && g_pointLightZone && g_hitLower && !g_rule3Acted &&
-        g_searchDir == 2 && af_focus() > g_searchStartPos + 5) {
+    if (g_zoneType != 3 && low_light && g_seams.pointLightZone && g_search.hitLower &&
+        !g_focusValue.rule3Acted && g_search.searchDir == 2 &&
+        af_focus() > g_search.searchStartPos + 5) {
         g_windowAverage = 1;
-        g_trackLock = 0;
+        g_seams.trackLock = 0;
         SelectSearchZone();
         RezoneHistories();
         update_peak_map(0);
-        g_rule3Acted = 1;
+        g_focusValue.rule3Acted = 1;
         return;
     }
     // 4. Window average in low light: keep three to five sharp inner windows.
-    if (g_windowAverage == 1 && !g_trackLock && low_light && g_pointLightMeasure == 0 &&
+    if (g_windowAverage == 1 && !g_seams.trackLock && low_light && g_pointLightMeasure == 0 &&
         g_zoneType != 3) {
         const uint8_t n = g_focusZone.selected_count();
         Ranked r[kWindowCount];
@@ -160,7 +146,7 @@ void refine_zone() {
             const uint8_t m = rank_windows(
                 r, w0, [](int z) { return is_inner_window(z) && !is_highlight_window(z); });
             bool added = false;
-            if (m > 0 && r[0].v > g_fvHist[0])
+            if (m > 0 && r[0].v > g_focusValue.fvHist[0])
                 for (uint8_t i = 0; i < m && i < 3; ++i)
                     if (g_focusZone.windowMask[r[i].z] == 0 && r[i].v > 500) {
                         g_focusZone.windowMask[r[i].z] = 1;
@@ -168,21 +154,21 @@ void refine_zone() {
                     }
             if (added) {
                 RezoneHistories();
-                g_hitLower = g_hitUpper = 0;
+                g_search.hitLower = g_search.hitUpper = 0;
                 return;
             }
         } else if (n >= 6) {
             deselect_highlight_windows();
             const uint8_t m =
                 rank_windows(r, w0, [](int z) { return g_focusZone.windowMask[z] != 0; });
-            if (m > 3 && r[0].v > 2 * g_fvHist[0] && r[0].v > 500) {
+            if (m > 3 && r[0].v > 2 * g_focusValue.fvHist[0] && r[0].v > 500) {
                 g_focusZone.clear_window_mask();
                 g_focusZone.reset_block_mask();
                 for (uint8_t i = 0; i < 3; ++i)
                     if (r[i].v > 300)
                         g_focusZone.windowMask[r[i].z] = 1;
                 RezoneHistories();
-                g_hitLower = g_hitUpper = 0;
+                g_search.hitLower = g_search.hitUpper = 0;
                 return;
             }
         }
@@ -191,9 +177,9 @@ void refine_zone() {
     if (g_zoneType != 3)
         PointLightRecord(1);
     // 6. Block-level region checks.
-    if (g_searchPhase != 9 && g_pointLightMeasure == 0 && g_zoneType != 3) {
-        if (g_trackLock) {
-            if (g_regionCount2 == 0) {
+    if (g_search.searchPhase != 9 && g_pointLightMeasure == 0 && g_zoneType != 3) {
+        if (g_seams.trackLock) {
+            if (g_seams.regionCount2 == 0) {
                 update_peak_map(1);
                 locked_region_check();
             }
@@ -206,49 +192,49 @@ void refine_zone() {
     const uint32_t event = g_sceneResult.event;
     Ranked r[kWindowCount];
     // 7. Rule A: an object appeared in a wide zone: narrow to its three sharpest windows.
-    if (g_pointLightMeasure == 0 && event != 0 && g_presetFlag == 0 && g_markerA == 1) {
+    if (g_pointLightMeasure == 0 && event != 0 && g_presetFlag == 0 && g_focusValue.markerA == 1) {
         deselect_highlight_windows();
         const uint8_t m = rank_windows(r, w0, [](int z) { return g_focusZone.windowMask[z] != 0; });
-        if (m > 12 && r[0].v > g_fvHist[0] * 5 / 4) {
+        if (m > 12 && r[0].v > g_focusValue.fvHist[0] * 5 / 4) {
             g_focusZone.clear_window_mask();
             g_focusZone.reset_block_mask();
             for (uint8_t i = 0; i < 3; ++i)
                 g_focusZone.windowMask[r[i].z] = 1;
-            g_markerA = 0;
+            g_focusValue.markerA = 0;
             RezoneHistories();
             return;
         }
     }
     // 8. Rule B: windows much sharper than the zone become the zone.
-    if (event != 0 && g_presetFlag == 0 && g_markerA == 0) {
+    if (event != 0 && g_presetFlag == 0 && g_focusValue.markerA == 0) {
         uint8_t collected[kWindowCount] = {};
         bool any = false;
         for (int z = 0; z < kWindowCount; ++z)
             if (!is_highlight_window(z) && g_focusZone.windowMask[z] == 0 &&
-                w0[z] >= 2 * g_fvHist[0]) {
+                w0[z] >= 2 * g_focusValue.fvHist[0]) {
                 collected[z] = 1;
                 any = true;
             }
         if (any) {
             g_focusZone.set_windows(collected);
-            g_markerA = 2;
+            g_focusValue.markerA = 2;
             RezoneHistories();
             return;
         }
     }
     // 9. Rule C: in low light, a much sharper window leads the zone.
-    if (g_pointLightMeasure == 0 && g_presetFlag == 1 && event == 1 && !g_pointLightZone &&
-        g_markerC == 1) {
+    if (g_pointLightMeasure == 0 && g_presetFlag == 1 && event == 1 && !g_seams.pointLightZone &&
+        g_focusValue.markerC == 1) {
         deselect_highlight_windows();
         const uint8_t m = rank_windows(r, w0, [](int z) { return g_focusZone.windowMask[z] != 0; });
-        if (m >= 3 && r[0].v > 2 * g_fvHist[0]) {
+        if (m >= 3 && r[0].v > 2 * g_focusValue.fvHist[0]) {
             g_focusZone.clear_window_mask();
             g_focusZone.reset_block_mask();
             g_focusZone.windowMask[r[0].z] = 1;
             for (uint8_t i = 1; i < 3; ++i)
                 if (r[i].v > 400)
                     g_focusZone.windowMask[r[i].z] = 1;
-            g_markerC = 0;
+            g_focusValue.markerC = 0;
             RezoneHistories();
             return;
         }
@@ -275,7 +261,7 @@ bool is_highlight_window(int z) {
     int n = 0;
     for (int r = r0; r < r0 + 3; ++r)
         for (int c = c0; c < c0 + 3; ++c)
-            n += g_highlightMask[r * kGridCols + c] != 0;
+            n += g_focusValue.highlightMask[r * kGridCols + c] != 0;
     return n > 3;
 }
 
@@ -289,11 +275,11 @@ uint32_t ComputeFocusValue(const uint32_t* W, const uint32_t* G) {
     const uint8_t* wm = g_focusZone.windowMask;
     uint32_t S = 0;
     uint8_t n = 0;
-    const bool average = g_windowAverage == 1 && g_trackLock == 0;
-    if (!average && g_blockPath == 1 && g_pointLightZone && g_zoneType != 3) {
+    const bool average = g_windowAverage == 1 && g_seams.trackLock == 0;
+    if (!average && g_blockPath == 1 && g_seams.pointLightZone && g_zoneType != 3) {
         // Block path: the zone's blocks, without the latched lights. Border windows take all their
         // blocks unless a tracking region is being searched.
-        const bool region = get_tracking_on() != 0 && g_triggerKind == 2;
+        const bool region = get_tracking_on() != 0 && g_seams.triggerKind == 2;
         uint32_t sum = 0;
         uint32_t count = 0;
         for (int z = 0; z < kWindowCount; ++z) {
@@ -305,7 +291,7 @@ uint32_t ComputeFocusValue(const uint32_t* W, const uint32_t* G) {
             for (int r = r0; r < r0 + 3; ++r)
                 for (int c = c0; c < c0 + 3; ++c) {
                     const int b = r * kGridCols + c;
-                    if (g_excludedMask[b] != 0)
+                    if (g_focusValue.excludedMask[b] != 0)
                         continue;
                     if (use_mask && g_focusZone.blockMask[b] != 1)
                         continue;
@@ -355,19 +341,19 @@ uint32_t ComputeSceneSharpness(const uint32_t* W, const uint32_t* G) {
 }
 
 void SetBestFv(uint32_t value) {
-    g_bestFv = value;
-    g_bestFvPos = af_focus();
+    g_focusValue.bestFv = value;
+    g_focusValue.bestFvPos = af_focus();
 }
 uint32_t BestFv() {
-    return g_bestFv;
+    return g_focusValue.bestFv;
 }
 uint16_t BestFvPos() {
-    return g_bestFvPos;
+    return g_focusValue.bestFvPos;
 }
 
 void reset_search_max_window() {
-    g_searchMaxWindow = 0;
-    g_searchMaxWindowPos = af_focus();
+    g_focusValue.searchMaxWindow = 0;
+    g_focusValue.searchMaxWindowPos = af_focus();
 }
 
 void SnapshotReference() {
@@ -379,7 +365,7 @@ void SnapshotReference() {
     af_stat_copy_window_sharpness(W);
     for (int z = 0; z < kWindowCount; ++z) {
         const uint32_t iir2 = plus50(get_window_iir2(static_cast<uint8_t>(z)));
-        for (auto& row : g_winIir2Hist)
+        for (auto& row : g_focusValue.winIir2Hist)
             row[z] = iir2;
     }
     if (g_pointLightMeasure != 0 && light_reference() < 50)
@@ -394,31 +380,33 @@ void SnapshotReference() {
     uint32_t iir2grid[kGridBlocks];
     af_stat_grid_by_kind(iir2grid, 2);
     for (int k = 0; k < 5; ++k) {
-        std::memcpy(g_winHist[k], W, sizeof W);
-        std::memcpy(g_gridHist[k], grid, sizeof grid);
-        std::memcpy(g_iir2GridHist[k], iir2grid, sizeof iir2grid);
+        std::memcpy(g_focusValue.winHist[k], W, sizeof W);
+        std::memcpy(g_focusValue.gridHist[k], grid, sizeof grid);
+        std::memcpy(g_focusValue.iir2GridHist[k], iir2grid, sizeof iir2grid);
     }
     refresh_masks();
     const uint32_t scene = ComputeSceneSharpness(W, grid);
     const uint32_t fv = ComputeFocusValue(W, grid);
     const uint16_t pos = af_focus();
     for (int k = 0; k < 5; ++k) {
-        g_sceneSharpHist[k] = scene;
-        g_fvHist[k] = fv;
-        g_posHist[k] = pos;
+        g_focusValue.sceneSharpHist[k] = scene;
+        g_focusValue.fvHist[k] = fv;
+        g_focusValue.posHist[k] = pos;
     }
     push_queues();
-    SetBestFv(g_fvHist[0]);
+    SetBestFv(g_focusValue.fvHist[0]);
     clear_fine_counters();
 }
 
 void RezoneHistories() {
     for (int k = 4; k >= 0; --k) {
-        g_sceneSharpHist[k] = ComputeSceneSharpness(g_winHist[k], g_gridHist[k]);
-        g_fvHist[k] = ComputeFocusValue(g_winHist[k], g_gridHist[k]);
+        g_focusValue.sceneSharpHist[k] =
+            ComputeSceneSharpness(g_focusValue.winHist[k], g_focusValue.gridHist[k]);
+        g_focusValue.fvHist[k] =
+            ComputeFocusValue(g_focusValue.winHist[k], g_focusValue.gridHist[k]);
     }
     push_queues();
-    SetBestFv(g_fvHist[0]);
+    SetBestFv(g_focusValue.fvHist[0]);
     clear_fine_counters();
 }
 
@@ -426,56 +414,65 @@ bool SampleFrame() {
     // 1. The frame record goes into the history ring.
     fh_frame_from_stats(&g_frameRecord);
     fh_ring_push(g_frameRecord);
-    g_frameMaxWindow = 0;
+    g_focusValue.frameMaxWindow = 0;
 
     // 2-3. Window histories.
     if (g_pointLightMeasure != 0 || g_blockPath == 0 || g_zoneType == 3) {
-        std::memmove(g_winHist[1], g_winHist[0], 4 * sizeof g_winHist[0]);
-        af_stat_copy_window_sharpness(g_winHist[0]);
+        std::memmove(g_focusValue.winHist[1], g_focusValue.winHist[0],
+                     4 * sizeof g_focusValue.winHist[0]);
+        af_stat_copy_window_sharpness(g_focusValue.winHist[0]);
     } else {
-        refill_window_history(g_winHist);
+        refill_window_history(g_focusValue.winHist);
     }
     for (int z = 0; z < kWindowCount; ++z)
-        g_frameMaxWindow = std::max(g_frameMaxWindow, g_winHist[0][z]);
-    std::memmove(g_winIir2Hist[1], g_winIir2Hist[0], 4 * sizeof g_winIir2Hist[0]);
+        g_focusValue.frameMaxWindow =
+            std::max(g_focusValue.frameMaxWindow, g_focusValue.winHist[0][z]);
+    std::memmove(g_focusValue.winIir2Hist[1], g_focusValue.winIir2Hist[0],
+                 4 * sizeof g_focusValue.winIir2Hist[0]);
     for (int z = 0; z < kWindowCount; ++z)
-        g_winIir2Hist[0][z] = plus50(get_window_iir2(static_cast<uint8_t>(z)));
+        g_focusValue.winIir2Hist[0][z] = plus50(get_window_iir2(static_cast<uint8_t>(z)));
 
     // 4. Point-light measures replace the window values.
     if (g_pointLightMeasure == 1) {
         const uint32_t v = get_centre_highlight_depth();
-        for (auto& x : g_winHist[0])
+        for (auto& x : g_focusValue.winHist[0])
             x = v;
-        g_frameMaxWindow = v;
+        g_focusValue.frameMaxWindow = v;
     } else if (g_pointLightMeasure == 2) {
         const uint32_t v = selected_highlight_mean();
         if (v < 100) {
             end_point_light_mode();
         } else {
-            for (auto& x : g_winHist[0])
+            for (auto& x : g_focusValue.winHist[0])
                 x = v;
         }
     }
 
     // 5. Positions.
-    std::memmove(&g_posHist[1], &g_posHist[0], 4 * sizeof g_posHist[0]);
-    g_posHist[0] = af_focus();
+    std::memmove(&g_focusValue.posHist[1], &g_focusValue.posHist[0],
+                 4 * sizeof g_focusValue.posHist[0]);
+    g_focusValue.posHist[0] = af_focus();
 
     // 6. Block grids, and the sample for the position-keyed history.
-    std::memmove(g_gridHist[1], g_gridHist[0], 4 * sizeof g_gridHist[0]);
-    af_stat_copy_grid(StatGrid::kSharpV, g_gridHist[0]);
-    std::memmove(g_iir2GridHist[1], g_iir2GridHist[0], 4 * sizeof g_iir2GridHist[0]);
-    af_stat_grid_by_kind(g_iir2GridHist[0], 2);
+    std::memmove(g_focusValue.gridHist[1], g_focusValue.gridHist[0],
+                 4 * sizeof g_focusValue.gridHist[0]);
+    af_stat_copy_grid(StatGrid::kSharpV, g_focusValue.gridHist[0]);
+    std::memmove(g_focusValue.iir2GridHist[1], g_focusValue.iir2GridHist[0],
+                 4 * sizeof g_focusValue.iir2GridHist[0]);
+    af_stat_grid_by_kind(g_focusValue.iir2GridHist[0], 2);
     uint32_t hgrid[kGridBlocks];
     af_stat_grid_by_kind(hgrid, 5);
-    fh_record_sample(g_gridHist[0], hgrid, g_posHist[0]);
-    fh_phase_push(static_cast<uint8_t>(g_searchPhase));
+    fh_record_sample(g_focusValue.gridHist[0], hgrid, g_focusValue.posHist[0]);
+    fh_phase_push(static_cast<uint8_t>(g_search.searchPhase));
 
     // 7-8. Scene sharpness and the five focus values under the zone now in force.
-    std::memmove(&g_sceneSharpHist[1], &g_sceneSharpHist[0], 4 * sizeof g_sceneSharpHist[0]);
-    g_sceneSharpHist[0] = ComputeSceneSharpness(g_winHist[0], g_gridHist[0]);
+    std::memmove(&g_focusValue.sceneSharpHist[1], &g_focusValue.sceneSharpHist[0],
+                 4 * sizeof g_focusValue.sceneSharpHist[0]);
+    g_focusValue.sceneSharpHist[0] =
+        ComputeSceneSharpness(g_focusValue.winHist[0], g_focusValue.gridHist[0]);
     for (int k = 4; k >= 0; --k)
-        g_fvHist[k] = ComputeFocusValue(g_winHist[k], g_gridHist[k]);
+        g_focusValue.fvHist[k] =
+            ComputeFocusValue(g_focusValue.winHist[k], g_focusValue.gridHist[k]);
     push_queues();
 
     // 9. Masks and trend series.
@@ -483,13 +480,13 @@ bool SampleFrame() {
     update_trend_series();
 
     // 10. Best value of the search.
-    if (g_fvHist[0] > g_bestFv || af_focus() == g_bestFvPos)
-        SetBestFv(g_fvHist[0]);
-    if (g_frameMaxWindow > g_searchMaxWindow) {
-        g_searchMaxWindow = g_frameMaxWindow;
-        g_searchMaxWindowPos = af_focus();
+    if (g_focusValue.fvHist[0] > g_focusValue.bestFv || af_focus() == g_focusValue.bestFvPos)
+        SetBestFv(g_focusValue.fvHist[0]);
+    if (g_focusValue.frameMaxWindow > g_focusValue.searchMaxWindow) {
+        g_focusValue.searchMaxWindow = g_focusValue.frameMaxWindow;
+        g_focusValue.searchMaxWindowPos = af_focus();
     }
-    if (g_searchPhase == 9)
+    if (g_search.searchPhase == 9)
         return false;
     if (g_pointLightMeasure == 1 && get_centre_highlight_depth() < 100)
         end_point_light_mode();
@@ -504,7 +501,7 @@ bool SampleFrame() {
 }
 
 void SelectSearchZone() {
-    if (g_trackLock)
+    if (g_seams.trackLock)
         return;
     g_focusZone.reset_block_mask();
     g_focusZone.clear_window_mask();
@@ -605,7 +602,7 @@ void ResetZoneCross() {
         int n = 0;
         for (int rr = r0; rr < r0 + 3; ++rr)
             for (int cc = c0; cc < c0 + 3; ++cc)
-                n += g_highlightMask[rr * kGridCols + cc] != 0;
+                n += g_focusValue.highlightMask[rr * kGridCols + cc] != 0;
         if (n < 9)
             g_focusZone.windowMask[z] = 1;
     }
@@ -613,11 +610,11 @@ void ResetZoneCross() {
 
 void CentreLock(uint8_t enable, uint32_t centre) {
     if (g_zoneType == 3 || g_blockPath == 1 || g_pointLightMeasure != 0 || af_low_light() == 0 ||
-        !g_pointLightZone || get_tracking_on() != 0 || !enable)
+        !g_seams.pointLightZone || get_tracking_on() != 0 || !enable)
         return;
-    if (g_searchPhase != 2) {
+    if (g_search.searchPhase != 2) {
         bool twice = true;
-        for (uint32_t c : g_centreHist)
+        for (uint32_t c : g_focusValue.centreHist)
             if (centre <= 2 * c)
                 twice = false;
         bool others = false;
@@ -627,30 +624,15 @@ void CentreLock(uint8_t enable, uint32_t centre) {
         if (twice && others && !is_highlight_window(12) && !is_weak_window(centre)) {
             g_focusZone.clear_window_mask();
             g_focusZone.windowMask[12] = 1;
-            g_focusDone = 0;
+            g_search.focusDone = 0;
             SnapshotReference();
         }
     }
-    std::memmove(&g_centreHist[1], &g_centreHist[0], 3 * sizeof g_centreHist[0]);
-    g_centreHist[0] = centre;
+    std::memmove(&g_focusValue.centreHist[1], &g_focusValue.centreHist[0],
+                 3 * sizeof g_focusValue.centreHist[0]);
+    g_focusValue.centreHist[0] = centre;
 }
 
 void focus_value_reset_for_testing() {
-    std::memset(g_winHist, 0, sizeof g_winHist);
-    std::memset(g_winIir2Hist, 0, sizeof g_winIir2Hist);
-    std::memset(g_gridHist, 0, sizeof g_gridHist);
-    std::memset(g_iir2GridHist, 0, sizeof g_iir2GridHist);
-    for (int k = 0; k < 5; ++k) {
-        g_fvHist[k] = g_sceneSharpHist[k] = g_fvQueue[k] = 50;
-        g_posHist[k] = g_posQueue[k] = 0;
-    }
-    g_frameMaxWindow = g_searchMaxWindow = 0;
-    g_searchMaxWindowPos = 0;
-    std::memset(g_highlightMask, 0, sizeof g_highlightMask);
-    std::memset(g_excludedMask, 0, sizeof g_excludedMask);
-    g_markerA = g_markerC = 1;
-    g_rule3Acted = 0;
-    g_bestFv = 50;
-    g_bestFvPos = 0;
-    std::memset(g_centreHist, 0, sizeof g_centreHist);
+    focus_value_state_reset();
 }

@@ -193,7 +193,7 @@ TEST_F(AfSearchTest, SearchFromEitherSideEndsFocusedWithinTheDepthOfFocus) {
         FrameLoop loop = make_loop();
         const int frames = run_until_focused(loop, 3000);
         ASSERT_GT(frames, 0) << "never settled focused; lens at " << lens_get_focus_pos()
-                             << " phase " << g_searchPhase;
+                             << " phase " << g_search.searchPhase;
         const double err = std::abs(lens_get_focus_pos() - s.truth);
         EXPECT_LE(err, h_.plane.half_width) << "ended at " << lens_get_focus_pos();
         std::printf(
@@ -255,8 +255,8 @@ TEST_F(AfSearchTest, ZoomChangeRestartsTheSearchTowardsTheZoomDirection) {
     while (g_afState == 2 && i++ < 10)
         loop.iteration();
     ASSERT_EQ(g_afState, 0) << "the zoom change restarted the search";
-    EXPECT_EQ(g_searchDir, 1u);
-    EXPECT_EQ(g_refocusCause, 9u);
+    EXPECT_EQ(g_search.searchDir, 1u);
+    EXPECT_EQ(g_search.refocusCause, 9u);
 }
 
 TEST_F(AfSearchTest, DigitalZoomAloneDoesNotRestartTheSearch) {
@@ -268,7 +268,7 @@ TEST_F(AfSearchTest, DigitalZoomAloneDoesNotRestartTheSearch) {
     for (int i = 0; i < 20; ++i)
         loop.iteration();
     EXPECT_EQ(g_afState, 2) << "the optics did not move";
-    EXPECT_EQ(g_lastDigitalZoom, 200) << "only remembered";
+    EXPECT_EQ(g_search.lastDigitalZoom, 200) << "only remembered";
     command_set_ezoom(0);
 }
 
@@ -292,12 +292,12 @@ TEST_F(AfSearchTest, PanTiltHoldsTheSearchAndRestartsItAfterTheHeadStops) {
     for (int i = 0; i < 40; ++i)
         loop.iteration();
     EXPECT_EQ(lens_get_focus_pos(), at) << "no search while the head moves";
-    EXPECT_NE(g_ptHold, 0);
+    EXPECT_NE(g_search.ptHold, 0);
     testsupport::capture_stdout([&] { command_process_datagram(stop, sizeof stop, from); });
     int i = 0;
-    while (g_ptHold != 0 && i++ < 20)
+    while (g_search.ptHold != 0 && i++ < 20)
         loop.iteration();
-    EXPECT_EQ(g_ptHold, 0);
+    EXPECT_EQ(g_search.ptHold, 0);
     EXPECT_NE(g_afState, 2) << "a new search follows the stop";
     ASSERT_GT(run_until_focused(loop, 3000), 0);
     EXPECT_NEAR(lens_get_focus_pos(), 4300, h_.plane.half_width);
@@ -341,12 +341,13 @@ TEST_F(AfSearchTest, StartBelowTheRangeStepsInByAtMostThirtyBeforeSearching) {
     FrameLoop loop = make_loop();
     uint16_t prev = lens_get_focus_pos();
     bool searched_below = false;
-    for (int i = 0; i < 40 && (g_lowerBound == 0 || lens_get_focus_pos() < g_lowerBound); ++i) {
+    for (int i = 0;
+         i < 40 && (g_search.lowerBound == 0 || lens_get_focus_pos() < g_search.lowerBound); ++i) {
         loop.iteration();
         const uint16_t now = lens_get_focus_pos();
         EXPECT_LE(now - prev, 30) << "frame " << i;
         EXPECT_GE(now, prev) << "only inwards";
-        if (g_afState == 1 && now < g_lowerBound)
+        if (g_afState == 1 && now < g_search.lowerBound)
             searched_below = true;
         prev = now;
     }

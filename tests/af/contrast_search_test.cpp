@@ -1,6 +1,7 @@
 // Search phases on crafted histories: the step move at the bounds, the trend classifiers, the
 // peak tests, the coarse step on a flat stretch, the climb's return to its maximum, the fine
-// scan's window and restarts, and the final approach's turn back to the best position.
+// scan's window and restarts, the final approach's turn back to the best position, and the state
+// records' resets.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -17,6 +18,7 @@
 #include "lens_api/lens_position.h"
 #include "tests/support/test_env.h"
 #include "tracking/curves.h"
+#include "tracking/distance_table.h"
 
 namespace {
 
@@ -37,8 +39,8 @@ class SearchPhaseTest : public ::testing::Test {
         testsupport::capture_stdout([] { curve_load(); });
         af_reset_for_testing();
         lens_set_positions(3200, 4000);
-        g_lowerBound = 3700;
-        g_upperBound = 4500;
+        g_search.lowerBound = 3700;
+        g_search.upperBound = 4500;
         std::memset(g_focusZone.windowMask, 1, 25);
     }
     void TearDown() override {
@@ -51,12 +53,12 @@ class SearchPhaseTest : public ::testing::Test {
     static void set_fv(std::initializer_list<uint32_t> fv, std::initializer_list<uint16_t> p) {
         int k = 0;
         for (uint32_t v : fv)
-            g_fvHist[k++] = v;
+            g_focusValue.fvHist[k++] = v;
         k = 0;
         for (uint16_t v : p)
-            g_posHist[k++] = v;
+            g_focusValue.posHist[k++] = v;
         for (k = 0; k < 5; ++k)
-            g_fvQueue[k] = g_fvHist[4 - k];
+            g_focusValue.fvQueue[k] = g_focusValue.fvHist[4 - k];
     }
 
     LensDriverOps ops_{};
@@ -64,39 +66,39 @@ class SearchPhaseTest : public ::testing::Test {
 };
 
 TEST_F(SearchPhaseTest, StepMoveStopsAtTheBoundAndTurns) {
-    g_searchDir = 2;
+    g_search.searchDir = 2;
     StepMove(30);
     EXPECT_EQ(lens_get_focus_pos(), 4030);
-    EXPECT_EQ(g_hitUpper, 0u);
+    EXPECT_EQ(g_search.hitUpper, 0u);
     StepMove(200);  // capped at 60
     EXPECT_EQ(lens_get_focus_pos(), 4090);
     lens_set_positions(3200, 4480);
     StepMove(50);
     EXPECT_EQ(lens_get_focus_pos(), 4500) << "stops exactly at the bound";
-    EXPECT_EQ(g_searchDir, 1u) << "and turns round";
-    EXPECT_EQ(g_hitUpper, 1u);
+    EXPECT_EQ(g_search.searchDir, 1u) << "and turns round";
+    EXPECT_EQ(g_search.hitUpper, 1u);
     StepMove(10);
     EXPECT_EQ(lens_get_focus_pos(), 4490) << "from the bound it moves back in";
     lens_set_positions(3200, 3710);
-    g_searchDir = 1;
+    g_search.searchDir = 1;
     StepMove(60);
     EXPECT_EQ(lens_get_focus_pos(), 3700);
-    EXPECT_EQ(g_searchDir, 2u);
-    EXPECT_EQ(g_hitLower, 1u);
+    EXPECT_EQ(g_search.searchDir, 2u);
+    EXPECT_EQ(g_search.hitLower, 1u);
     lens_set_positions(3200, 3600);  // below the range: moves up whatever the direction
-    g_searchDir = 1;
+    g_search.searchDir = 1;
     StepMove(20);
     EXPECT_EQ(lens_get_focus_pos(), 3620);
-    EXPECT_EQ(g_searchDir, 2u);
+    EXPECT_EQ(g_search.searchDir, 2u);
 }
 
 TEST_F(SearchPhaseTest, TrendClassifiersNeedEnoughFramesAndAClearChange) {
     const uint32_t rising[5] = {1000, 1200, 1400, 1600, 1800};
     const uint32_t falling[5] = {1800, 1600, 1400, 1200, 1000};
     const uint32_t flat[5] = {1000, 1003, 998, 1001, 1000};
-    g_framesInDir = 2;
+    g_search.framesInDir = 2;
     EXPECT_EQ(TrendOf(rising, 5, 0.08f, 10.0f), 0) << "too few frames in this direction";
-    g_framesInDir = 5;
+    g_search.framesInDir = 5;
     EXPECT_EQ(TrendOf(rising, 5, 0.08f, 10.0f), 1);
     EXPECT_EQ(TrendOf(falling, 5, 0.08f, 10.0f), 2);
     EXPECT_EQ(TrendOf(flat, 5, 0.08f, 10.0f), 0);
@@ -133,89 +135,89 @@ TEST_F(SearchPhaseTest, PeakTestsAskForMonotonePositions) {
 TEST_F(SearchPhaseTest, FlatCoarseApproachSpeedsUpToItsCap) {
     // A flat picture far from the curve: the strongest window barely changes, the step grows by 2
     // per frame and stops at 10 outside low light.
-    g_searchPhase = 1;
-    g_searchDir = 2;
-    g_framesInDir = 1;
+    g_search.searchPhase = 1;
+    g_search.searchDir = 2;
+    g_search.framesInDir = 1;
     for (int k = 0; k < 5; ++k)
         for (int z = 0; z < 25; ++z)
-            g_winHist[k][z] = 300;
+            g_focusValue.winHist[k][z] = 300;
     std::vector<int> steps;
     for (int i = 0; i < 8; ++i) {
         const uint16_t before = lens_get_focus_pos();
-        g_posHist[0] = before;
+        g_focusValue.posHist[0] = before;
         CoarseStep();
         steps.push_back(lens_get_focus_pos() - before);
     }
-    EXPECT_EQ(g_searchPhase, 1u);
+    EXPECT_EQ(g_search.searchPhase, 1u);
     for (size_t i = 1; i < steps.size(); ++i)
         EXPECT_GE(steps[i], steps[i - 1]) << "frame " << i;
     EXPECT_EQ(steps.back(), 10);
 }
 
 TEST_F(SearchPhaseTest, CoarseApproachHandsOverToTheClimbAtABound) {
-    g_searchPhase = 1;
-    g_hitUpper = 1;
-    g_searchDir = 2;
+    g_search.searchPhase = 1;
+    g_search.hitUpper = 1;
+    g_search.searchDir = 2;
     CoarseStep();
-    EXPECT_EQ(g_searchPhase, 2u);
-    EXPECT_EQ(g_searchDir, 1u) << "back into the range";
+    EXPECT_EQ(g_search.searchPhase, 2u);
+    EXPECT_EQ(g_search.searchDir, 1u) << "back into the range";
 }
 
 TEST_F(SearchPhaseTest, ClimbBracketsThePeakAndEndsNextToIt) {
     // A peak at 4040 seen without lag: the climb walks up, sees the fall, walks back to its
     // candidate and hands over to the fine scan there.
-    g_searchPhase = 2;
-    g_searchDir = 2;
-    g_searchStartPos = 3900;
+    g_search.searchPhase = 2;
+    g_search.searchDir = 2;
+    g_search.searchStartPos = 3900;
     ClimbReset();
     auto fv_at = [](int p) {
         const int v = 3000 - 20 * std::abs(p - 4040);
         return static_cast<uint32_t>(v < 200 ? 200 : v);
     };
     for (int k = 0; k < 5; ++k) {
-        g_fvHist[k] = fv_at(4000);
-        g_posHist[k] = 4000;
+        g_focusValue.fvHist[k] = fv_at(4000);
+        g_focusValue.posHist[k] = 4000;
     }
     bool rose = false;
-    for (int frame = 0; frame < 60 && g_searchPhase == 2; ++frame) {
+    for (int frame = 0; frame < 60 && g_search.searchPhase == 2; ++frame) {
         const uint16_t p = lens_get_focus_pos();
         for (int k = 4; k > 0; --k) {
-            g_fvHist[k] = g_fvHist[k - 1];
-            g_posHist[k] = g_posHist[k - 1];
+            g_focusValue.fvHist[k] = g_focusValue.fvHist[k - 1];
+            g_focusValue.posHist[k] = g_focusValue.posHist[k - 1];
         }
-        g_fvHist[0] = fv_at(p);
-        g_posHist[0] = p;
-        g_framesInDir = 9;
+        g_focusValue.fvHist[0] = fv_at(p);
+        g_focusValue.posHist[0] = p;
+        g_search.framesInDir = 9;
         ClimbStep();
         rose = rose || lens_get_focus_pos() > 4040;
     }
     EXPECT_TRUE(rose) << "the climb went past the peak before turning";
-    EXPECT_EQ(g_searchPhase, 3u) << "the peak is bracketed";
+    EXPECT_EQ(g_search.searchPhase, 3u) << "the peak is bracketed";
     EXPECT_NEAR(lens_get_focus_pos(), 4040, 12);
 }
 
 TEST_F(SearchPhaseTest, FineScanWindowIsClippedAtZero) {
-    g_posHist[0] = 30;
+    g_focusValue.posHist[0] = 30;
     FineReset(3);
     EXPECT_EQ(fine_window_lo_for_testing(), 0);
     EXPECT_EQ(fine_window_hi_for_testing(), 80);
-    g_posHist[0] = 4000;
+    g_focusValue.posHist[0] = 4000;
     FineReset(3);
     EXPECT_EQ(fine_window_lo_for_testing(), 3950);
     EXPECT_EQ(fine_window_hi_for_testing(), 4050);
     FineReset(0);
-    EXPECT_EQ(fine_window_lo_for_testing(), g_lowerBound);
+    EXPECT_EQ(fine_window_lo_for_testing(), g_search.lowerBound);
 }
 
 TEST_F(SearchPhaseTest, DeadFlatFineScanRestartsTheSearchAtMostThreeTimes) {
     int restarts = 0;
     for (int attempt = 0; attempt < 5; ++attempt) {
         g_afState = 1;
-        g_searchPhase = 3;
+        g_search.searchPhase = 3;
         FineReset(0);
         for (int k = 0; k < 5; ++k)
             for (int z = 0; z < 25; ++z)
-                g_winHist[k][z] = 50;
+                g_focusValue.winHist[k][z] = 50;
         set_fv({50, 50, 50, 50, 50}, {4000, 4000, 4000, 4000, 4000});
         FineStep();  // starts: steps off and takes the reference
         FineStep();  // judges
@@ -223,35 +225,98 @@ TEST_F(SearchPhaseTest, DeadFlatFineScanRestartsTheSearchAtMostThreeTimes) {
             ++restarts;
     }
     EXPECT_EQ(restarts, 3);
-    EXPECT_EQ(g_fineRetries, 3);
-    EXPECT_EQ(g_fineGain, 3) << "9, lowered by 2 per restart, not below 3";
+    EXPECT_EQ(g_fine.fineRetries, 3);
+    EXPECT_EQ(g_fine.fineGain, 3) << "9, lowered by 2 per restart, not below 3";
 }
 
 TEST_F(SearchPhaseTest, FinalApproachTurnsBackToItsBestPosition) {
     g_afState = 1;
-    g_searchPhase = 4;
-    g_searchDir = 2;
+    g_search.searchPhase = 4;
+    g_search.searchDir = 2;
     g_blockPath = 0;
     clear_final_counters();
-    g_finalStep = 2;
+    g_final.finalStep = 2;
     const uint32_t fv[] = {3000, 3200, 3350, 3300, 3100, 2800};
     for (uint32_t v : fv) {
         const uint16_t p = lens_get_focus_pos();
         for (int k = 4; k > 0; --k) {
-            g_fvHist[k] = g_fvHist[k - 1];
-            g_posHist[k] = g_posHist[k - 1];
+            g_focusValue.fvHist[k] = g_focusValue.fvHist[k - 1];
+            g_focusValue.posHist[k] = g_focusValue.posHist[k - 1];
         }
-        g_fvHist[0] = v;
-        g_posHist[0] = p;
+        g_focusValue.fvHist[0] = v;
+        g_focusValue.posHist[0] = p;
         FinalStep();
-        if (g_finalReturn == 1)
+        if (g_climb.finalReturn == 1)
             break;
     }
-    ASSERT_EQ(g_finalReturn, 1u) << "the fall was seen";
+    ASSERT_EQ(g_climb.finalReturn, 1u) << "the fall was seen";
     EXPECT_EQ(lens_get_focus_pos(), 4004) << "back at the position of 3350";
     FinalStep();  // the frame after the drive back
     EXPECT_EQ(g_afState, 2) << "focused";
-    EXPECT_EQ(g_finalReturn, 0u);
+    EXPECT_EQ(g_climb.finalReturn, 0u);
+}
+
+TEST_F(SearchPhaseTest, StateResetsBringEachRecordBackToItsPowerOnValues) {
+    // Leave marks in every record through the search's own operations.
+    lens_set_positions(3200, 4480);
+    g_search.searchDir = 2;
+    StepMove(50);  // stops at the upper bound and turns
+    ASSERT_EQ(g_search.hitUpper, 1u);
+    g_search.searchPhase = 1;
+    CoarseStep();  // the bound hit hands over to the climb with the climb's small step
+    ASSERT_EQ(g_search.searchPhase, 2u);
+    ASSERT_EQ(g_coarse.coarseStep, 3);
+    set_fv({900, 800, 700, 600, 500}, {4400, 4410, 4420, 4430, 4440});
+    ClimbReset();
+    ClimbStep();
+    ASSERT_EQ(g_climb.climbMax, 900u);
+    g_afState = 1;
+    FineReset(0);
+    for (int k = 0; k < 5; ++k)
+        for (int z = 0; z < 25; ++z)
+            g_focusValue.winHist[k][z] = 50;
+    set_fv({50, 50, 50, 50, 50}, {4000, 4000, 4000, 4000, 4000});
+    FineStep();
+    FineStep();  // dead flat: the search restarts and the gain drops
+    ASSERT_EQ(g_fine.fineGain, 7);
+    clear_final_counters();
+    set_fv({1200, 1100, 1000, 900, 800}, {4010, 4008, 4006, 4004, 4002});
+    FinalStep();
+    ASSERT_EQ(g_final.finalBest, 1200u);
+    PushRestartReason(2);
+    PushRestartReason(2);
+    PushRestartReason(2);
+    ASSERT_TRUE(AllReasonsTwo());
+    focused_range_reset();
+    ASSERT_NE(g_watch.focusedRange[0], 0);
+
+    search_state_reset();
+    coarse_state_reset();
+    climb_state_reset();
+    fine_state_reset();
+    final_state_reset();
+    focus_value_state_reset();
+    watch_state_reset();
+    seam_state_reset();
+
+    EXPECT_EQ(g_search.searchPhase, 1u);
+    EXPECT_EQ(g_search.searchDir, 2u);
+    EXPECT_EQ(g_search.hitUpper, 0u);
+    EXPECT_EQ(g_search.lastZoom, 10000) << "no zoom seen yet";
+    EXPECT_EQ(g_coarse.coarseStep, 2);
+    EXPECT_EQ(g_climb.climbMult, 1);
+    EXPECT_EQ(g_climb.climbMax, 50u);
+    EXPECT_EQ(g_fine.fineGain, 9);
+    EXPECT_EQ(g_fine.fineRetries, 0);
+    EXPECT_EQ(g_fine.fineStep, 1);
+    EXPECT_EQ(g_final.finalStep, 1);
+    EXPECT_EQ(g_final.finalBest, 50u);
+    for (int k = 0; k < 5; ++k)
+        EXPECT_EQ(g_focusValue.fvHist[k], 50u) << "the floor of every sharpness, frame " << k;
+    EXPECT_EQ(g_watch.focusedRange[0], 0);
+    EXPECT_FALSE(AllReasonsTwo());
+    EXPECT_EQ(g_seams.pointLightZone, 1);
+    EXPECT_EQ(g_seams.currentDistance, kDistanceUnknown);
 }
 
 }  // namespace

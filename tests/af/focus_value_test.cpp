@@ -45,14 +45,14 @@ TEST_F(FocusValueTest, FlatFrameReadsFiftyNeverZero) {
     EXPECT_EQ(ComputeSceneSharpness(W, G), 50u);
     g_blockPath = 1;
     g_focusZone.set_window(12, 1);
-    std::memset(g_excludedMask, 1, sizeof g_excludedMask);
+    std::memset(g_focusValue.excludedMask, 1, sizeof g_focusValue.excludedMask);
     EXPECT_EQ(ComputeFocusValue(W, G), 50u) << "block path with every block excluded";
-    std::memset(g_excludedMask, 0, sizeof g_excludedMask);
+    std::memset(g_focusValue.excludedMask, 0, sizeof g_focusValue.excludedMask);
     EXPECT_EQ(ComputeSceneSharpness(W, G), 50u) << "no block above 10";
     feed_zero();
     SnapshotReference();
-    EXPECT_EQ(g_fvHist[0], 50u);
-    EXPECT_EQ(g_sceneSharpHist[4], 50u);
+    EXPECT_EQ(g_focusValue.fvHist[0], 50u);
+    EXPECT_EQ(g_focusValue.sceneSharpHist[4], 50u);
 }
 
 TEST_F(FocusValueTest, WindowPathAveragesTheSelectedWindowsAndTypeThreeWeightsTheCentre) {
@@ -91,7 +91,7 @@ TEST_F(FocusValueTest, BlockPathHonoursTheBlockMaskOnlyInInnerWindows) {
     g_focusZone.blockMask[6 * 15 + 6] = 0;
     // Border keeps its masked block (9 blocks), the centre drops it (8 blocks).
     EXPECT_EQ(ComputeFocusValue(W, G), (4000u + 8 * 1000 + 8 * 1000) / 17);
-    g_excludedMask[0] = 1;  // a latched light is left out everywhere
+    g_focusValue.excludedMask[0] = 1;  // a latched light is left out everywhere
     EXPECT_EQ(ComputeFocusValue(W, G), 16000u / 16);
 }
 
@@ -100,15 +100,16 @@ TEST_F(FocusValueTest, HistoriesFollowAZoneChangeInMidSearch) {
     std::memset(g_focusZone.windowMask, 1, 25);
     for (int k = 0; k < 5; ++k)
         for (int z = 0; z < 25; ++z)
-            g_winHist[k][z] = z == 12 ? 1000u * (k + 1) : 100u;
+            g_focusValue.winHist[k][z] = z == 12 ? 1000u * (k + 1) : 100u;
     RezoneHistories();
-    EXPECT_EQ(g_fvHist[0], (1000u + 2400) / 25);
+    EXPECT_EQ(g_focusValue.fvHist[0], (1000u + 2400) / 25);
     g_focusZone.clear_window_mask();
     g_focusZone.set_window(12, 1);
     RezoneHistories();
     for (int k = 0; k < 5; ++k)
-        EXPECT_EQ(g_fvHist[k], 1000u * (k + 1)) << "row " << k << " recomputed under the new zone";
-    EXPECT_EQ(g_fvQueue[0], 5000u) << "the queue runs oldest first";
+        EXPECT_EQ(g_focusValue.fvHist[k], 1000u * (k + 1))
+            << "row " << k << " recomputed under the new zone";
+    EXPECT_EQ(g_focusValue.fvQueue[0], 5000u) << "the queue runs oldest first";
     EXPECT_EQ(BestFv(), 1000u);
 }
 
@@ -118,18 +119,18 @@ TEST_F(FocusValueTest, SampleFrameShiftsTheHistoriesAndTracksTheBestValue) {
     lens_set_positions(3200, 4100);
     feed_plane(4100);
     SnapshotReference();
-    const uint32_t far = g_fvHist[0];
+    const uint32_t far = g_focusValue.fvHist[0];
     lens_set_positions(3200, 4300);
     feed_plane(4300);
     SampleFrame();
-    EXPECT_GT(g_fvHist[0], far);
-    EXPECT_EQ(g_fvHist[1], far);
-    EXPECT_EQ(g_posHist[0], 4300);
-    EXPECT_EQ(g_posHist[1], 4100);
-    EXPECT_EQ(BestFv(), g_fvHist[0]);
+    EXPECT_GT(g_focusValue.fvHist[0], far);
+    EXPECT_EQ(g_focusValue.fvHist[1], far);
+    EXPECT_EQ(g_focusValue.posHist[0], 4300);
+    EXPECT_EQ(g_focusValue.posHist[1], 4100);
+    EXPECT_EQ(BestFv(), g_focusValue.fvHist[0]);
     EXPECT_EQ(BestFvPos(), 4300);
-    EXPECT_GT(g_searchMaxWindow, 0u);
-    EXPECT_EQ(g_searchMaxWindowPos, 4300);
+    EXPECT_GT(g_focusValue.searchMaxWindow, 0u);
+    EXPECT_EQ(g_focusValue.searchMaxWindowPos, 4300);
 }
 
 TEST_F(FocusValueTest, WindowPresetsAndDigitalZoomShapeTheZone) {
@@ -161,7 +162,7 @@ TEST_F(FocusValueTest, SearchZoneLeavesOutWindowsWithLights) {
     g_presetFlag = 0;
     for (int r = 0; r < 3; ++r)
         for (int c = 0; c < 3; ++c)
-            g_highlightMask[r * 15 + c] = 1;  // window 0 is full of lights
+            g_focusValue.highlightMask[r * 15 + c] = 1;  // window 0 is full of lights
     SelectSearchZone();
     EXPECT_EQ(g_focusZone.windowMask[0], 0);
     EXPECT_EQ(g_focusZone.selected_count(), 24);
@@ -169,7 +170,7 @@ TEST_F(FocusValueTest, SearchZoneLeavesOutWindowsWithLights) {
     SelectSearchZone();
     EXPECT_EQ(g_focusZone.selected_count(), 9);
     EXPECT_EQ(g_focusZone.windowMask[12], 1);
-    g_trackLock = 1;
+    g_seams.trackLock = 1;
     g_focusZone.clear_window_mask();
     SelectSearchZone();
     EXPECT_EQ(g_focusZone.selected_count(), 0) << "a tracking lock keeps its own zone";
