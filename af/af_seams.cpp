@@ -50,6 +50,10 @@ void refill_window_history(uint32_t rows[5][kWindowCount]) {
 
 void distance_assist_refresh() {}
 
+uint8_t centre_has_signal() {
+    return 0;
+}
+
 // ---- Highlight (point-light) scenes ----
 uint8_t SceneHasDetail() {
     return 1;
@@ -58,9 +62,8 @@ bool IsDarkFlat(const uint32_t*) {
     return false;
 }
 void PointLightRecord(uint8_t) {}
-void PrepareWatch() {}
 void ChooseStartZone() {}
-void RefineStartZone() {}
+void point_light_start_zone_low_light() {}
 void point_light_rearm_watch(uint8_t) {}
 void point_light_clear_series() {}
 

@@ -17,6 +17,8 @@ struct SeamState {
     uint8_t fullMaskFlag = 1;
     uint16_t currentDistance = kDistanceUnknown;
     uint16_t distanceAtStart = kDistanceUnknown;
+    // The object distance when the picture was last focused (the focused watch records it).
+    uint16_t distanceAtLastFocus = kDistanceUnknown;
     // Highlight scenes. pointLightZone is set to the detail test at every search start: the scene
     // has detail outside its lights.
     uint8_t pointLightZone = 1;
@@ -25,6 +27,9 @@ struct SeamState {
     uint8_t pointLightStartMarker = 0;
     uint8_t plSeriesArmed = 0;
     uint8_t plNoDetail = 0;
+    // Lets the start-zone choice take a weak centre window by its IIR2 response once; set by
+    // the restarts after a zoom, a request or a pan/tilt movement.
+    uint8_t centreChance = 0;
     // Tracking-region focus, and the last three restart reasons, newest first.
     uint8_t trackLock = 0;
     uint8_t triggerKind = 0;
@@ -48,6 +53,8 @@ uint16_t expected_focus_now();
 // (outer blocks always included, excluded blocks never).
 void refill_window_history(uint32_t rows[5][kWindowCount]);
 void distance_assist_refresh();
+// 1 when the centre blocks still show a signal worth measuring at the far tele end.
+uint8_t centre_has_signal();
 
 // ---- Highlight (point-light) scenes ----
 uint8_t SceneHasDetail();
@@ -55,7 +62,12 @@ bool IsDarkFlat(const uint32_t* grid225);
 void PointLightRecord(uint8_t add);
 void PrepareWatch();
 void ChooseStartZone();
+// The zone a search starts with, from the picture as it is now (af/start_zone.cpp).
 void RefineStartZone();
+// A zone for a scene with detail: every window without lights in the normal statistics mode; in
+// low light the point-light rules below choose it.
+void PointLightStartZone();
+void point_light_start_zone_low_light();
 void point_light_rearm_watch(uint8_t chances);
 void point_light_clear_series();
 

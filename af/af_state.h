@@ -60,6 +60,14 @@ void SetBestFv(uint32_t value);
 uint32_t BestFv();
 uint16_t BestFvPos();
 bool is_highlight_window(int z);
+// A window too weak to lead the zone: at most 2800, and in low light at most 800 unless the zone
+// type favours the inner windows and it reaches 501.
+bool is_weak_window(uint32_t v);
+// Mean window sharpness (this frame) over a set of windows, 50 for an empty set.
+uint32_t WindowSetMean(const uint8_t* set25);
+// Mean of the selected windows: without digital zoom each counts twice over all 25 windows;
+// with it, the plain mean of the selected ones (50 when none).
+uint32_t SelectedWindowsMean();
 // Window sharpness of this frame, + 50 below 20000.
 uint32_t window_value_now(int z);
 // The search maximum of the largest window sharpness (value 0, position current).
@@ -118,6 +126,8 @@ void search_state_reset();
 // 1 while the ISP's statistics mode is low-light.
 uint8_t af_low_light();
 void FlipDirection();
+// The direction a search starts in (the last step of the search start's preparation).
+void ChooseStartDirection();
 void SetSearchBounds();
 void CountDirectionFrames();
 // Puts the slow (1) or fast (0) AF frame divider in force.
@@ -127,6 +137,16 @@ uint16_t af_focus();
 // Base focus curve at the current zoom step (no interpolation) and a far-curve offset row there.
 uint16_t af_curve_base();
 int32_t af_far_offset(uint8_t row);
+
+// The blocks a block-level search looks at: rows firstRow..endRow-1, columns firstCol..endCol-1
+// (the middle of the picture, a little taller than wide).
+struct BlockSearchWindow {
+    uint8_t firstRow = 4;
+    uint8_t endRow = 11;
+    uint8_t firstCol = 5;
+    uint8_t endCol = 10;
+};
+extern BlockSearchWindow g_blockSearchWindow;
 
 // ---- Contrast search: step move, trend tests, coarse approach, climb ----
 // Coarse approach: its step, the return from an end of the range, and the trend series its stop

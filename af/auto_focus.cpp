@@ -24,6 +24,7 @@
 #include "scene/scene_analyzer.h"
 #include "tracking/curves.h"
 #include "tracking/distance_table.h"
+#include "tracking/zoom_track.h"
 
 SearchState g_search;
 
@@ -97,7 +98,7 @@ bool check_restart() {
             SelectSearchZone();
             g_afState = 0;
             g_fine.lowContrastRetry = 0;
-            FineReset(0);
+            FineReset(2);
             g_seams.regionCollapseCount = 0;
             g_seams.regionCount2 = 0;
             g_watch.motionHint = 0;
@@ -120,10 +121,15 @@ bool check_restart() {
     g_seams.trackLock = 0;
     g_search.lastDigitalZoom = d;
     g_search.giveUp = 0;
-    FineReset(0);
+    // Every restart gives the fine scan its full tolerance back (a fine scan or final approach
+    // that fell below its reference lowered it for the searches of the same picture).
+    FineReset(2);
     g_lastAfPos = af_focus();
     g_search.searchStartPos = af_focus();
     g_afState = 0;
+    // The search moves the focus off the curve the last zoom followed: the next zoom must pick
+    // its curve from where the focus is then.
+    zoom_track_clear_active();
     // Zooming in moves the in-focus position towards smaller focus positions.
     g_search.searchDir = z > g_search.lastZoom ? 1 : 2;
     update_peak_map(0);
@@ -139,19 +145,21 @@ bool check_restart() {
         g_search.visitMin = g_search.upperBound;
         g_search.visitMax = g_search.lowerBound;
         g_search.startFresh = 1;
+        g_seams.centreChance = 1;
     }
     if (zoom_changed) {
+        g_zoomChanged = 1;
         if (g_publishPositions != nullptr)
             g_publishPositions();
         focused_range_reset();
         g_search.firstAfterZoom = 1;
-        if (g_search.lastZoom <= kFilterZoomSplit && z > kFilterZoomSplit &&
-            g_search.lastZoom != 10000) {
+        // The statistics filters follow the zoom across 5682 (the power-on "last zoom" of 10000
+        // counts as above it, so the first restart at a wider zoom sets them too).
+        if (g_search.lastZoom <= kFilterZoomSplit && z > kFilterZoomSplit) {
             set_filter_param(1, 2, 60, 80);
             set_statistics_mode(0);
             platform::sleep_us(10000);
-        } else if (g_search.lastZoom > kFilterZoomSplit && g_search.lastZoom != 10000 &&
-                   z <= kFilterZoomSplit) {
+        } else if (g_search.lastZoom > kFilterZoomSplit && z <= kFilterZoomSplit) {
             if (get_exp_gain_ratio() > 119)
                 set_filter_param(3, 3, 80, 80);
             else
@@ -239,23 +247,51 @@ bool start_phase_is_coarse() {
     return true;
 }
 
-void choose_start_direction() {
+}  // namespace
+
+void ChooseStartDirection() {
     const uint16_t p = af_focus();
     const uint16_t p0 = g_focusValue.posHist[0];
     const int32_t B = af_curve_base();
-    // 1. A refocus asked by the focused watch: the focused-position range says where the subject
-    //    went.
+    // 1. A refocus asked by the focused watch: what changed in the picture, and the
+    //    focused-position range, say where the subject went.
     if (g_search.restartReason == 1 || g_search.restartReason == 2) {
         const uint16_t lo = g_watch.focusedRange[0];
         const uint16_t hi = g_watch.focusedRange[1];
-        if (hi > lo) {
-            const uint32_t W = hi - lo;
-            if (W > 10) {
-                if (absdiff(p, lo) < W / 3)
-                    g_search.searchDir = 2;
-                else if (absdiff(p, hi) < W / 3)
-                    g_search.searchDir = 1;
+        const uint32_t W = hi > lo ? hi - lo : 0;
+        if (g_blockPath == 1 && g_sceneResult.pending == 0) {
+            // Changed blocks inside the block search window, lights left out.
+            const BlockSearchWindow& bw = g_blockSearchWindow;
+            uint32_t n = 0;
+            for (uint8_t r = bw.firstRow; r < bw.endRow; ++r)
+                for (uint8_t c = bw.firstCol; c < bw.endCol; ++c) {
+                    const int b = r * kGridCols + c;
+                    if (g_focusValue.excludedMask[b] != 0)
+                        g_sceneResult.region[b] = 0;
+                    n += g_sceneResult.region[b] != 0 ? 1 : 0;
+                }
+            const bool near_high_end = p > B && (W <= 10 || absdiff(p, hi) < W / 3);
+            if (n < 8 && !near_high_end) {
+                // Little changed where the subject was: it most likely came nearer.
+                g_search.searchDir = 2;
+            } else if (g_sceneResult.event == kObjectOut) {
+                g_search.searchDir = 2;
+            } else if (g_sceneResult.event == kObjectIn) {
+                g_search.searchDir = g_seams.pointLightStartMarker ? 2 : 1;
+            } else {
+                uint32_t dim = 0;
+                for (int w = 0; w < kWindowCount; ++w)
+                    dim += window_value_now(w) < 600 ? 1 : 0;
+                g_search.searchDir = dim < 17 ? 1 : 2;
             }
+        } else if (g_blockPath == 1) {
+            g_search.searchDir = 1;
+        }
+        if (W > 10) {
+            if (absdiff(p, lo) < W / 3)
+                g_search.searchDir = 2;
+            else if (absdiff(p, hi) < W / 3)
+                g_search.searchDir = 1;
         }
     }
     // 2. Outside the range: step in and search inwards.
@@ -306,9 +342,11 @@ void choose_start_direction() {
             g_search.searchDir = 1;
     }
     // 3. Distance assist: a subject nearer than the focus asks for larger positions.
-    if (distance_assist_active() && g_seams.currentDistance < 3000 && p < expected_focus_now())
+    if (distance_assist_active() && g_seams.distanceAtLastFocus < 3000 && p < expected_focus_now())
         g_search.searchDir = 2;
 }
+
+namespace {
 
 void restart_preparation() {
     if (g_search.restartReason == 1 || g_search.restartReason == 2) {
@@ -380,8 +418,7 @@ void start_search() {
     PrepareWatch();
     ChooseStartZone();
     RefineStartZone();
-    g_seams.pointLightZone = SceneHasDetail();
-    choose_start_direction();
+    ChooseStartDirection();
 
     // 4. Inside the range the search begins.
     const uint16_t f = af_focus();
@@ -404,7 +441,8 @@ void start_search() {
             g_search.searchDir = 2;
         g_search.upwardMarker = 0;
     }
-    g_search.searchStartPos = f;
+    g_zoomChanged = 0;
+    g_ptChanged = 0;
 }
 
 void unsuccessful_finish() {
@@ -569,10 +607,13 @@ void pan_tilt_moving() {
     g_search.startFresh = 1;
     g_seams.zoneChoiceArmed = 1;
     g_search.dirCheckArmed = 1;
+    g_seams.centreChance = 1;
+    g_ptChanged = 1;
 }
 
 void restart_for_head() {
     g_search.ptHold = 10;
+    g_fine.fineGain = 9;
     g_search.refocusCause = 9;
     g_search.failCount = 0;
     g_search.hitLower = g_search.hitUpper = 0;
@@ -649,6 +690,9 @@ void AfFrame() {
     install_hooks();
     // 1-2.
     g_zoomMotionMarker = 0;
+    // A window preset or digital zoom the command channel changed takes effect now, before the
+    // restart check (whose digital-zoom rule for preset 3 must see the new preset).
+    window_preset_rebuild(command_get_ezoom());
     if (check_restart())
         return;
     // 3. The first searching frame takes a fresh reference from a settled picture.
@@ -686,6 +730,7 @@ void AfFrame() {
                     g_search.hitLower = g_search.hitUpper = 0;
                     g_afState = 0;
                     g_fine.lowContrastRetry = 0;
+                    g_fine.fineGain = 9;
                 }
             }
             g_search.ptHold = g_search.ptHold > 6 ? static_cast<uint8_t>(g_search.ptHold - 6) : 0;
@@ -733,7 +778,7 @@ void AfFrame() {
                 g_focusValue.markerA = 1;
                 g_seams.detailTestOn = 1;
                 ResetTrackBounds();
-                FineReset(2);
+                FineReset(0);
                 if (distance_assist_active() && expected_focus_now() < g_search.lowerBound)
                     g_search.lowerBound = expected_focus_now() <= 50
                                               ? 0

@@ -18,6 +18,7 @@
 #include "lens_api/lens_position.h"
 #include "scene/scene_analyzer.h"
 
+BlockSearchWindow g_blockSearchWindow;
 CoarseState g_coarse;
 ClimbState g_climb;
 

@@ -105,11 +105,13 @@ uint8_t small_step_for_zoom() {
     return af_zoom() < 3500 ? 1 : 2;
 }
 
-// Sets the final approach's return step and step from the last values.
-void compute_final_steps() {
+// Sets the final approach's return step from the last values (the fine step on a plateau, else
+// 1) unless the caller keeps the present one, and the final step from it.
+void compute_final_steps(bool keep_return_step = false) {
     const uint32_t* fv = g_focusValue.fvHist;
-    g_final.returnStep =
-        (absdiff(fv[0], fv[1]) < 5 && absdiff(fv[1], fv[2]) < 5) ? g_fine.fineStep : 1;
+    if (!keep_return_step)
+        g_final.returnStep =
+            (absdiff(fv[0], fv[1]) < 5 && absdiff(fv[1], fv[2]) < 5) ? g_fine.fineStep : 1;
     uint8_t s = static_cast<uint8_t>(g_final.returnStep / 2);
     if (s < 1)
         s = 1;
@@ -118,11 +120,11 @@ void compute_final_steps() {
     g_final.finalStep = s;
 }
 
-void enter_final(bool turning) {
+void enter_final(bool turning, bool keep_return_step = false) {
     g_fine.fineStarted = 0;
     g_climb.finalReturn = 0;
     g_search.searchPhase = 4;
-    compute_final_steps();
+    compute_final_steps(keep_return_step);
     if (turning) {
         FlipDirection();
         StepMove(g_fine.fineStep);
@@ -349,15 +351,13 @@ void FineStep() {
             return;
         }
         const int half = g_fine.fineFrames / 2;
+        // A clear trend after ten frames: the final approach takes over with the return step
+        // it already holds (the final step follows from it), not one judged from this frame.
         if (g_fine.fineUps >= g_fine.fineDowns && g_fine.fineUps - g_fine.fineDowns >= half) {
-            const uint8_t keep = g_final.returnStep;
-            enter_final(false);
-            g_final.returnStep = keep;
+            enter_final(false, true);
             StepMove(g_final.finalStep);
         } else if (g_fine.fineDowns > g_fine.fineUps && g_fine.fineDowns - g_fine.fineUps >= half) {
-            const uint8_t keep = g_final.returnStep;
-            enter_final(false);
-            g_final.returnStep = keep;
+            enter_final(false, true);
             FlipDirection();
             StepMove(static_cast<uint16_t>(absdiff(g_fine.fineMaxPos, p0)));
         } else {

@@ -245,6 +245,8 @@ void refine_zone() {
         SelectSearchZone();
 }
 
+}  // namespace
+
 bool is_weak_window(uint32_t v) {
     if (v > 2800)
         return false;
@@ -253,7 +255,30 @@ bool is_weak_window(uint32_t v) {
     return v <= 800 && !(g_zoneType > 1 && v >= 501);
 }
 
-}  // namespace
+uint32_t WindowSetMean(const uint8_t* set25) {
+    uint32_t sum = 0;
+    uint32_t n = 0;
+    for (int z = 0; z < kWindowCount; ++z)
+        if (set25[z] != 0) {
+            sum += g_focusValue.winHist[0][z];
+            ++n;
+        }
+    return n == 0 ? 50 : sum / n;
+}
+
+uint32_t SelectedWindowsMean() {
+    const uint8_t* wm = g_focusZone.windowMask;
+    if (command_get_ezoom() == 0) {
+        // Without digital zoom the whole picture is the reference: the selected windows count
+        // twice against all 25.
+        uint32_t sum = 0;
+        for (int z = 0; z < kWindowCount; ++z)
+            if (wm[z] != 0)
+                sum += 2 * g_focusValue.winHist[0][z];
+        return sum / kWindowCount;
+    }
+    return WindowSetMean(wm);
+}
 
 bool is_highlight_window(int z) {
     const int r0 = (z / 5) * 3;

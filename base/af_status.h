@@ -27,3 +27,12 @@ extern volatile uint8_t g_zoomMotionMarker;
 extern volatile uint8_t g_manualFocusMove;
 // Focus position at the end of the last search or zoom step (autofocus and zoom tracking).
 extern volatile uint16_t g_lastAfPos;
+
+// Set by every tracked zoom step; the start-zone choice of the next search clears it, and after a
+// zoom it starts from the cross of windows instead of the last zone.
+extern volatile uint8_t g_zoomTrackedSinceZone;
+
+// The zoom position changed, or the pan/tilt head moved, since the last search start: raised by
+// the autofocus restarts, cleared by the search start, read by the tracking-box input.
+extern volatile uint8_t g_zoomChanged;
+extern volatile uint8_t g_ptChanged;

@@ -329,6 +329,7 @@ uint8_t zoom_track_step(uint8_t direction, uint8_t speed, uint8_t fallback) {
             return 0;
     }
     g_zoomMotionMarker = 1;
+    g_zoomTrackedSinceZone = 1;
     if ((dir == 1 && z == zmax) || (dir == 0 && z == zmin))
         return 0;
     g_refocusRequest = 1;
