@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "base/dbgout.h"
+#include "lens_api/iris.h"
 #include "lens_api/spi_link.h"
 #include "platform/clock.h"
 
@@ -125,7 +126,6 @@ struct LcState {
     LcSettings settings = kDefaultSettings;
     int16_t zoom_travel = 0;
     int16_t focus_travel = 0;
-    uint16_t iris_value = 0;
     uint32_t busy_timeouts = 0;
 };
 
@@ -380,14 +380,17 @@ uint32_t lc_iris_target_bits(uint16_t value) {
 
 void lc_iris_drive(uint16_t value) {
     if (value == 0) {
-        // Drive stage off; the target stays as it was.
+        // Drive stage off; the target stays as it was, and so does the iris module's value: with
+        // the stage off there is no new position to record.
         spi_lc_write8(kRegServoDrive, 0x00);
         return;
     }
     if (value > kIrisMax)
         value = kIrisMax;
     spi_lc_write8(kRegServoDrive, kDriveOn);
-    g_lc.iris_value = value;
+    // What the servo is told to hold is where the iris stands from now on: the automatic loop,
+    // relative iris commands and the published state all work from it.
+    iris_note_driven(value);
     spi_lc_write32(kRegServoTarget, lc_iris_target_bits(value));
     spi_lc_write8(kRegServoTake, 1);
 }
@@ -528,9 +531,6 @@ int16_t lc_zoom_travel() {
 }
 int16_t lc_focus_travel() {
     return g_lc.focus_travel;
-}
-uint16_t lc_iris_value() {
-    return g_lc.iris_value;
 }
 uint32_t lc_busy_timeouts() {
     return g_lc.busy_timeouts;

@@ -71,8 +71,6 @@ int16_t lc_focus_travel();
 // Servo target pattern for an iris value (already limited to 2300): -1.0 at 0, 0 at 1024,
 // 0.99951171875 at 2047 and above.
 uint32_t lc_iris_target_bits(uint16_t value);
-// Last non-zero iris value driven (limited to 2300), for the iris module.
-uint16_t lc_iris_value();
 // Number of waits that gave up on a stuck busy flag since start.
 uint32_t lc_busy_timeouts();
 

@@ -5,6 +5,7 @@
 
 #include "base/dbgout.h"
 #include "lens_api/gpio_pins.h"
+#include "lens_api/iris.h"
 #include "lens_api/spi_link.h"
 #include "platform/clock.h"
 
@@ -135,7 +136,6 @@ struct MsState {
     // Read before the mutex is taken (iris_drive returns early on an unchanged value), from the
     // main thread and the command thread.
     std::atomic<uint16_t> last_iris{0};
-    std::atomic<uint16_t> iris_value{0};
     std::atomic<uint8_t> sensor_command{0};
     std::atomic<uint32_t> busy_timeouts{0};
 };
@@ -346,7 +346,9 @@ void ms_iris_drive(uint16_t value) {
     gpio_set_vd(0);
     if (value > kIrisMax)
         value = kIrisMax;
-    g_ms.iris_value.store(value, std::memory_order_relaxed);
+    // The limited value is where the iris stands from now on: the automatic loop, relative iris
+    // commands and the published state all work from it.
+    iris_note_driven(value);
     spi_ms_write(kRegIris, static_cast<uint16_t>(kIrisMax - value));
     // The strobe also latches the control words: with both counts cleared no motor moves.
     g_ms.zoom_word &= kKeepNoCount;
@@ -425,10 +427,6 @@ uint16_t ms_focus_word() {
     return g_ms.focus_word;
 }
 
-uint16_t ms_iris_value() {
-    return g_ms.iris_value.load(std::memory_order_relaxed);
-}
-
 uint8_t ms_sensor_last_command() {
     return g_ms.sensor_command.load(std::memory_order_relaxed);
 }
@@ -447,7 +445,6 @@ void ms_reset_for_testing() {
     g_ms.zoom_word = g_ms.spare_word = g_ms.focus_word = kWordSetup;
     g_ms.toggle = 0;
     g_ms.last_iris.store(0);
-    g_ms.iris_value.store(0);
     g_ms.sensor_command.store(0);
     g_ms.busy_timeouts.store(0);
 }

@@ -61,8 +61,6 @@ uint16_t ms_period_for_steps(uint8_t steps);
 // Driver state, for the iris module, diagnostics and tests.
 uint16_t ms_zoom_word();
 uint16_t ms_focus_word();
-// Last iris value that reached the chip, limited to 1023 (0 at start).
-uint16_t ms_iris_value();
 uint8_t ms_sensor_last_command();
 uint8_t ms_sensor_toggle_state();
 // Waits that gave up on a stuck busy line since start.

@@ -92,13 +92,13 @@ TEST_F(Lc898201Test, IrisTargetsAreExactFloats) {
     EXPECT_EQ(lc_iris_target_bits(2300), bits(0.99951171875f));
 
     lc_iris_drive(3000);
-    EXPECT_EQ(lc_iris_value(), 2300);
+    EXPECT_EQ(iris_get_value(), 2300);
     EXPECT_EQ(chip.writes(), (Pairs{{0x0314, 0x80}, {0x000D, 1}})) << "drive on, then take";
     EXPECT_EQ(chip.reg32[0x1027], bits(0.99951171875f));
     board.clear();
     lc_iris_drive(0);
     EXPECT_EQ(chip.writes(), (Pairs{{0x0314, 0}})) << "value 0 only switches the drive off";
-    EXPECT_EQ(lc_iris_value(), 2300);
+    EXPECT_EQ(iris_get_value(), 2300);
 }
 
 TEST_F(Lc898201Test, DeadSensorsFailAfterTheirMoveLimits) {

@@ -146,22 +146,24 @@ TEST_F(Ms41908Driver, IrisDriveReachesTheChipOncePerNewValueWithoutMovingAMotor)
     EXPECT_EQ(chip.shape(), "BLWWWH");
     EXPECT_GE(clock.monotonic_us(), 4000u);
     EXPECT_EQ(chip.zoom() + chip.focus, 0);
-    EXPECT_EQ(ms_iris_value(), 5);
+    EXPECT_EQ(iris_get_value(), 5);
     board.clear();
     ms_iris_drive(5);
     EXPECT_EQ(chip.shape(), "");
     ms_iris_drive(2000);
     EXPECT_EQ(chip.regs[0x00], 0);
-    EXPECT_EQ(ms_iris_value(), 1023);
+    EXPECT_EQ(iris_get_value(), 1023);
     // On a stuck busy line the drive is dropped, and the same value is tried again later.
     chip.busy_stuck = true;
     const std::string out = capture_stdout([] { ms_iris_drive(300); });
     EXPECT_NE(out.find("DBG_ERR:lens_api/lens_ms ms_iris_drive["), std::string::npos) << out;
     EXPECT_EQ(ms_busy_timeouts(), 1u);
     EXPECT_EQ(chip.regs[0x00], 0);
+    EXPECT_EQ(iris_get_value(), 1023) << "the iris is still where it was";
     chip.busy_stuck = false;
     ms_iris_drive(300);
     EXPECT_EQ(chip.regs[0x00], 723);
+    EXPECT_EQ(iris_get_value(), 300);
 }
 
 TEST_F(Ms41908Driver, AMoveOnAStuckBusyLineIsDroppedWithinTheBound) {
