@@ -405,17 +405,25 @@ void lc_zoom_step(uint8_t direction, uint8_t steps) {
 
 void lc_move_both(uint8_t zoom_dir, uint8_t zoom_steps, uint8_t focus_dir, uint8_t focus_steps) {
     // Both channels are loaded before either starts, and their periods are matched so that they
-    // finish together (focus gives 2 pulses per step, zoom 4).
+    // finish together (focus gives 2 pulses per step, zoom 4). A channel stuck busy is dropped
+    // and reported to the position counts; the other one still moves.
     bool focus_go = false;
     bool zoom_go = false;
-    if (focus_steps != 0 && wait_idle(kFocus, 0)) {
-        load_move(kFocus, focus_dir, focus_steps);
-        focus_go = true;
+    if (focus_steps != 0) {
+        focus_go = wait_idle(kFocus, 0);
+        if (focus_go)
+            load_move(kFocus, focus_dir, focus_steps);
+        else
+            lens_report_dropped(kMoveFocusDropped);
     }
-    if (zoom_steps != 0 && wait_idle(kZoom, 0)) {
-        load_move(kZoom, zoom_dir, zoom_steps);
-        spi_lc_write8(kRegZoomGain, g_lc.settings.zoom_gain);
-        zoom_go = true;
+    if (zoom_steps != 0) {
+        zoom_go = wait_idle(kZoom, 0);
+        if (zoom_go) {
+            load_move(kZoom, zoom_dir, zoom_steps);
+            spi_lc_write8(kRegZoomGain, g_lc.settings.zoom_gain);
+        } else {
+            lens_report_dropped(kMoveZoomDropped);
+        }
     }
     if (focus_go) {
         uint16_t period;

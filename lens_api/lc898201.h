@@ -13,7 +13,8 @@
 // them before every move. A chip that never clears busy would hang the daemon, so every wait is
 // bounded: it gives up after kLcBusyWaitLimitUs on the platform clock, or after kLcBusyWaitMaxPolls
 // reads if time does not advance. A move whose channel is stuck busy is dropped with a message
-// ("... channel busy stuck ..."), and a homing that meets a stuck channel fails.
+// ("... channel busy stuck ..."), reported to the position counts (lens_report_dropped), and a
+// homing that meets a stuck channel fails.
 #pragma once
 
 #include <cstdint>

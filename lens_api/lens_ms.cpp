@@ -367,8 +367,12 @@ void ms_zoom_step(uint8_t direction, uint8_t steps) {
 }
 
 void ms_move_both(uint8_t zoom_dir, uint8_t zoom_steps, uint8_t focus_dir, uint8_t focus_steps) {
-    if (!wait_idle(0, __func__))
+    if (!wait_idle(0, __func__)) {
+        // One busy line for both channels: the whole move is dropped.
+        lens_report_dropped(static_cast<uint8_t>((zoom_steps != 0 ? kMoveZoomDropped : 0) |
+                                                 (focus_steps != 0 ? kMoveFocusDropped : 0)));
         return;
+    }
     std::lock_guard<std::mutex> lock(g_ms.mu);
     gpio_set_vd(0);
     g_ms.focus_word = focus_steps != 0

@@ -22,7 +22,8 @@
 // stays high (a stuck chip, or a GPIO device that does not answer, whose read leaves the pin
 // number in place of a level) would hang the daemon. Every wait therefore gives up after
 // kMsBusyWaitLimitUs on the platform clock, or after kMsBusyWaitMaxPolls reads if time does not
-// advance, reports "busy line stuck", and drops the move; a homing that meets it fails.
+// advance, reports "busy line stuck", and drops the move, which move_both reports to the position
+// counts (lens_report_dropped); a homing that meets it fails.
 #pragma once
 
 #include <cstdint>
