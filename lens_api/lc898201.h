@@ -13,8 +13,10 @@
 // them before every move. A chip that never clears busy would hang the daemon, so every wait is
 // bounded: it gives up after kLcBusyWaitLimitUs on the platform clock, or after kLcBusyWaitMaxPolls
 // reads if time does not advance. A move whose channel is stuck busy is dropped with a message
-// ("... channel busy stuck ..."), reported to the position counts (lens_report_dropped), and a
-// homing that meets a stuck channel fails.
+// ("... channel busy stuck ..."; repeats are counted, one line every few seconds), reported to the
+// position counts (lens_report_dropped), and a homing that meets a stuck channel fails. Once a
+// channel has been found stuck, its waits read the flag once until it reads idle again ("...
+// channel idle again ..."), so that a dead channel does not cost every frame a two-second wait.
 #pragma once
 
 #include <cstdint>

@@ -138,26 +138,44 @@ struct MsState {
     std::atomic<uint16_t> last_iris{0};
     std::atomic<uint8_t> sensor_command{0};
     std::atomic<uint32_t> busy_timeouts{0};
+    // The busy line stayed high through a whole bounded wait. Until a read finds it low again,
+    // waits read it once instead of polling for seconds: a dead line (or no GPIO device at all)
+    // then costs each move one read, not the frame rate.
+    std::atomic<bool> busy_stuck{false};
+    std::atomic<uint32_t> dropped_while_stuck{0};
+    DbgRepeat stuck_report;  // "busy line stuck" lines: the first one, then a count
 };
 
 MsState g_ms;
 
 // Polls pls until it reads 0. sleep_us between polls (0: none). False when the line is still high
-// at the bound; the caller then drops its move.
+// at the bound, or at once when it was already found stuck and still reads high; the caller then
+// drops its move.
 bool wait_idle(uint32_t sleep_us, const char* who) {
+    const bool was_stuck = g_ms.busy_stuck.load(std::memory_order_relaxed);
+    const uint32_t max_polls = was_stuck ? 1 : kMsBusyWaitMaxPolls;
     const uint64_t t0 = platform::monotonic_us();
     int level = 0;
-    for (uint32_t polls = 0; polls < kMsBusyWaitMaxPolls; ++polls) {
+    for (uint32_t polls = 0; polls < max_polls; ++polls) {
         level = gpio_read_busy();
-        if (level == 0)
+        if (level == 0) {
+            if (was_stuck && g_ms.busy_stuck.exchange(false)) {
+                dbg_err(kSource, who, __LINE__, "busy line idle again, %u moves dropped\n",
+                        g_ms.dropped_while_stuck.exchange(0));
+                g_ms.stuck_report.reset();
+            }
             return true;
+        }
         if (sleep_us != 0)
             platform::sleep_us(sleep_us);
         if (platform::monotonic_us() - t0 >= kMsBusyWaitLimitUs)
             break;
     }
+    g_ms.busy_stuck.store(true, std::memory_order_relaxed);
+    g_ms.dropped_while_stuck.fetch_add(1, std::memory_order_relaxed);
     g_ms.busy_timeouts.fetch_add(1, std::memory_order_relaxed);
-    dbg_err(kSource, who, __LINE__, "busy line stuck (pls reads %d), move dropped\n", level);
+    dbg_err_limited(g_ms.stuck_report, kSource, who, __LINE__,
+                    "busy line stuck (pls reads %d), move dropped\n", level);
     return false;
 }
 
@@ -451,4 +469,7 @@ void ms_reset_for_testing() {
     g_ms.last_iris.store(0);
     g_ms.sensor_command.store(0);
     g_ms.busy_timeouts.store(0);
+    g_ms.busy_stuck.store(false);
+    g_ms.dropped_while_stuck.store(0);
+    g_ms.stuck_report.reset();
 }
