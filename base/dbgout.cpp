@@ -137,6 +137,62 @@ void dbg_info(const char* file, const char* func, int line, const char* fmt, ...
     va_end(ap);
 }
 
+bool DbgRepeat::admit(uint32_t* held) {
+    const uint64_t now = platform::clock().monotonic_us();
+    *held = 0;
+    if (!seen_.exchange(true)) {
+        next_us_.store(now + kDbgRepeatIntervalUs);
+        return true;
+    }
+    uint64_t next = next_us_.load();
+    if (now < next || !next_us_.compare_exchange_strong(next, now + kDbgRepeatIntervalUs)) {
+        held_.fetch_add(1);
+        return false;
+    }
+    *held = held_.exchange(0);
+    return true;
+}
+
+void DbgRepeat::reset() {
+    seen_.store(false);
+    next_us_.store(0);
+    held_.store(0);
+}
+
+void dbg_err_limited(DbgRepeat& repeat, const char* file, const char* func, int line,
+                     const char* fmt, ...) {
+    uint32_t held = 0;
+    if (!repeat.admit(&held))
+        return;
+    va_list ap;
+    va_start(ap, fmt);
+    if (held == 0) {
+        vprefixed("DBG_ERR:", file, func, line, fmt, ap);
+    } else {
+        // The count goes on the message's own line, before its newline.
+        char text[256];
+        std::vsnprintf(text, sizeof text, fmt, ap);
+        size_t n = std::strlen(text);
+        while (n > 0 && text[n - 1] == '\n')
+            text[--n] = '\0';
+        std::printf("DBG_ERR:%s %s[%04d] %s (%u more since the last report)\n", file, func, line,
+                    text, held);
+        std::fflush(stdout);
+    }
+    va_end(ap);
+}
+
+void dbg_line_limited(DbgRepeat& repeat, const char* text) {
+    uint32_t held = 0;
+    if (!repeat.admit(&held))
+        return;
+    if (held == 0)
+        std::printf("%s\n", text);
+    else
+        std::printf("%s (%u more since the last report)\n", text, held);
+    std::fflush(stdout);
+}
+
 void dbg_line(const char* text) {
     std::printf("%s\n", text);
     std::fflush(stdout);

@@ -215,11 +215,16 @@ void iris_drive_publish(uint16_t value) {
     const LensDriverOps& ops = lens_ops();
     if (ops.iris_drive != nullptr)
         ops.iris_drive(value);
-    put16(2, value);
+    // The driver has recorded what it drove; the request itself may lie outside the chip's
+    // range or may not have reached the chip at all.
+    put16(2, g_iris.value);
 }
 
 void iris_set(uint16_t value) {
     iris_drive_publish(value);
+}
+
+void iris_note_driven(uint16_t value) {
     g_iris.value = value;
 }
 
@@ -257,14 +262,20 @@ void iris_publish_zoom() {
 }
 
 void auto_iris_step() {
-    if (g_iris.mode == 0 || command_zoom_motion_active() == 1)
+    if (g_iris.mode == 0)
         return;
+    const uint8_t moving = command_zoom_motion_active();
     const bool ms = lens_is_ms41908() != 0;
+    // On the MS41908 the loop also sits out a few calls after a zoom motion or a calibration has
+    // ended (the hold-off), so that it does not act on the brightness of a picture that is still
+    // settling. A zoom changes the picture as much as a calibration does, so both arm it.
+    if (ms && (command_calibration_mode() != 0 || moving != 0)) {
+        g_iris.hold_off = 4;
+        return;
+    }
+    if (moving == 1)
+        return;
     if (ms) {
-        if (command_calibration_mode() != 0 || command_zoom_motion_active() != 0) {
-            g_iris.hold_off = 4;
-            return;
-        }
         if (g_iris.hold_off > 0) {
             --g_iris.hold_off;
             if (g_iris.hold_off != 0)

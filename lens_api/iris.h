@@ -10,14 +10,22 @@
 
 inline constexpr uint8_t kIrisSteps = 13;
 
+// The iris value is what the chip was last told to hold, as the chip driver limited it (2300 on
+// the LC898201, 1023 on the MS41908): the drivers record it with iris_note_driven when a drive
+// reaches the chip. A request that does not reach it (the LC898201's value 0, which only switches
+// the servo's drive stage off; the MS41908's drive dropped on a stuck busy line) leaves it as it
+// was. The automatic loop, relative iris commands and the published state all work from it.
+
 // Creates and maps the shared device and fills it (start-up).
 void iris_publish_init();
-// Drives the iris through the chip and publishes the driven value.
+// Drives the iris through the chip, then publishes the iris value (offset 2).
 void iris_drive_publish(uint16_t value);
-// Drives the iris and makes value the iris value the automatic loop works from.
+// The same; the automatic loop's drive.
 void iris_set(uint16_t value);
 // Drives the iris to F-number step `step` (above 12 counts as 12).
 void iris_goto_step(uint8_t step);
+// Chip drivers: the value they have just driven, already limited to the chip's range.
+void iris_note_driven(uint16_t value);
 // Iris mode (autoiris_en): non-zero runs the automatic loop.
 void iris_set_mode(uint8_t mode);
 uint8_t iris_get_mode();
@@ -36,7 +44,7 @@ void auto_iris_step();
 // Day/night record handed over by the command channel (kept, not acted on: no day/night
 // switching runs in this system).
 void iris_set_day_night(uint32_t enable, uint32_t upper, uint32_t lower);
-// Current iris value.
+// Current iris value: the last value driven, as limited by the chip.
 uint16_t iris_get_value();
 
 // Back to the power-on state (tests).

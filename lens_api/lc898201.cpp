@@ -1,8 +1,11 @@
 #include "lens_api/lc898201.h"
 
+#include <atomic>
 #include <cstring>
+#include <initializer_list>
 
 #include "base/dbgout.h"
+#include "lens_api/iris.h"
 #include "lens_api/spi_link.h"
 #include "platform/clock.h"
 
@@ -121,16 +124,6 @@ constexpr uint16_t kFocusPeriodAlone = 0x0200;
 
 constexpr LcSettings kDefaultSettings = {176, 64, 0xCC, 0xCC, 3, 3};
 
-struct LcState {
-    LcSettings settings = kDefaultSettings;
-    int16_t zoom_travel = 0;
-    int16_t focus_travel = 0;
-    uint16_t iris_value = 0;
-    uint32_t busy_timeouts = 0;
-};
-
-LcState g_lc;
-
 struct Channel {
     const char* name;
     uint16_t dir_reg;
@@ -144,6 +137,26 @@ constexpr Channel kZoom = {"zoom",          kRegZoomDir,   kRegZoomPeriodLo,
 constexpr Channel kFocus = {"focus",          kRegFocusDir,   kRegFocusPeriodLo,
                             kRegFocusCountLo, kRegFocusStart, kFocusPulsesPerStep};
 
+// A channel whose busy flag stayed set through a whole bounded wait. Until a read finds it idle
+// again, its waits read the flag once instead of polling for seconds: a stuck channel then costs
+// each move one register read, not the frame rate. Both threads may move the lens (homing).
+struct StuckChannel {
+    std::atomic<bool> stuck{false};
+    std::atomic<uint32_t> dropped{0};  // waits given up since it stuck
+    DbgRepeat report;                  // "busy stuck" lines, first one then a count
+};
+
+struct LcState {
+    LcSettings settings = kDefaultSettings;
+    int16_t zoom_travel = 0;
+    int16_t focus_travel = 0;
+    std::atomic<uint32_t> busy_timeouts{0};
+    StuckChannel zoom;
+    StuckChannel focus;
+};
+
+LcState g_lc;
+
 void write_table(const RegValue* t) {
     for (; t->reg != kEnd; ++t)
         spi_lc_write8(t->reg, static_cast<uint8_t>(t->value & 0xFF));
@@ -155,20 +168,32 @@ void write16(uint16_t lo_reg, uint16_t value) {
 }
 
 // Waits until the channel's start/busy register no longer reads 1. sleep_us between polls (0:
-// none). False when the channel is still busy at the bound.
+// none). False when the channel is still busy at the bound, or at once when it was already found
+// stuck and still reads busy.
 bool wait_idle(const Channel& ch, uint32_t sleep_us) {
+    StuckChannel& st = &ch == &kZoom ? g_lc.zoom : g_lc.focus;
+    const bool was_stuck = st.stuck.load();
+    const uint32_t max_polls = was_stuck ? 1 : kLcBusyWaitMaxPolls;
     const uint64_t t0 = platform::monotonic_us();
-    for (uint32_t polls = 0; polls < kLcBusyWaitMaxPolls; ++polls) {
-        if (spi_lc_read8(ch.start_reg) != 1)
+    for (uint32_t polls = 0; polls < max_polls; ++polls) {
+        if (spi_lc_read8(ch.start_reg) != 1) {
+            if (was_stuck && st.stuck.exchange(false)) {
+                dbg_err(__FILE__, __func__, __LINE__, "%s channel idle again, %u moves dropped\n",
+                        ch.name, st.dropped.exchange(0));
+                st.report.reset();
+            }
             return true;
+        }
         if (sleep_us != 0)
             platform::sleep_us(sleep_us);
         if (platform::monotonic_us() - t0 >= kLcBusyWaitLimitUs)
             break;
     }
-    ++g_lc.busy_timeouts;
-    dbg_err(__FILE__, __func__, __LINE__, "%s channel busy stuck (0x%04X), move dropped\n", ch.name,
-            ch.start_reg);
+    st.stuck.store(true);
+    st.dropped.fetch_add(1);
+    g_lc.busy_timeouts.fetch_add(1);
+    dbg_err_limited(st.report, __FILE__, __func__, __LINE__,
+                    "%s channel busy stuck (0x%04X), move dropped\n", ch.name, ch.start_reg);
     return false;
 }
 
@@ -380,14 +405,17 @@ uint32_t lc_iris_target_bits(uint16_t value) {
 
 void lc_iris_drive(uint16_t value) {
     if (value == 0) {
-        // Drive stage off; the target stays as it was.
+        // Drive stage off; the target stays as it was, and so does the iris module's value: with
+        // the stage off there is no new position to record.
         spi_lc_write8(kRegServoDrive, 0x00);
         return;
     }
     if (value > kIrisMax)
         value = kIrisMax;
     spi_lc_write8(kRegServoDrive, kDriveOn);
-    g_lc.iris_value = value;
+    // What the servo is told to hold is where the iris stands from now on: the automatic loop,
+    // relative iris commands and the published state all work from it.
+    iris_note_driven(value);
     spi_lc_write32(kRegServoTarget, lc_iris_target_bits(value));
     spi_lc_write8(kRegServoTake, 1);
 }
@@ -402,17 +430,25 @@ void lc_zoom_step(uint8_t direction, uint8_t steps) {
 
 void lc_move_both(uint8_t zoom_dir, uint8_t zoom_steps, uint8_t focus_dir, uint8_t focus_steps) {
     // Both channels are loaded before either starts, and their periods are matched so that they
-    // finish together (focus gives 2 pulses per step, zoom 4).
+    // finish together (focus gives 2 pulses per step, zoom 4). A channel stuck busy is dropped
+    // and reported to the position counts; the other one still moves.
     bool focus_go = false;
     bool zoom_go = false;
-    if (focus_steps != 0 && wait_idle(kFocus, 0)) {
-        load_move(kFocus, focus_dir, focus_steps);
-        focus_go = true;
+    if (focus_steps != 0) {
+        focus_go = wait_idle(kFocus, 0);
+        if (focus_go)
+            load_move(kFocus, focus_dir, focus_steps);
+        else
+            lens_report_dropped(kMoveFocusDropped);
     }
-    if (zoom_steps != 0 && wait_idle(kZoom, 0)) {
-        load_move(kZoom, zoom_dir, zoom_steps);
-        spi_lc_write8(kRegZoomGain, g_lc.settings.zoom_gain);
-        zoom_go = true;
+    if (zoom_steps != 0) {
+        zoom_go = wait_idle(kZoom, 0);
+        if (zoom_go) {
+            load_move(kZoom, zoom_dir, zoom_steps);
+            spi_lc_write8(kRegZoomGain, g_lc.settings.zoom_gain);
+        } else {
+            lens_report_dropped(kMoveZoomDropped);
+        }
     }
     if (focus_go) {
         uint16_t period;
@@ -529,13 +565,18 @@ int16_t lc_zoom_travel() {
 int16_t lc_focus_travel() {
     return g_lc.focus_travel;
 }
-uint16_t lc_iris_value() {
-    return g_lc.iris_value;
-}
 uint32_t lc_busy_timeouts() {
-    return g_lc.busy_timeouts;
+    return g_lc.busy_timeouts.load();
 }
 
 void lc_reset_for_testing() {
-    g_lc = LcState{};
+    g_lc.settings = kDefaultSettings;
+    g_lc.zoom_travel = 0;
+    g_lc.focus_travel = 0;
+    g_lc.busy_timeouts.store(0);
+    for (StuckChannel* c : {&g_lc.zoom, &g_lc.focus}) {
+        c->stuck.store(false);
+        c->dropped.store(0);
+        c->report.reset();
+    }
 }

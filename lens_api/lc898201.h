@@ -13,7 +13,10 @@
 // them before every move. A chip that never clears busy would hang the daemon, so every wait is
 // bounded: it gives up after kLcBusyWaitLimitUs on the platform clock, or after kLcBusyWaitMaxPolls
 // reads if time does not advance. A move whose channel is stuck busy is dropped with a message
-// ("... channel busy stuck ..."), and a homing that meets a stuck channel fails.
+// ("... channel busy stuck ..."; repeats are counted, one line every few seconds), reported to the
+// position counts (lens_report_dropped), and a homing that meets a stuck channel fails. Once a
+// channel has been found stuck, its waits read the flag once until it reads idle again ("...
+// channel idle again ..."), so that a dead channel does not cost every frame a two-second wait.
 #pragma once
 
 #include <cstdint>
@@ -71,8 +74,6 @@ int16_t lc_focus_travel();
 // Servo target pattern for an iris value (already limited to 2300): -1.0 at 0, 0 at 1024,
 // 0.99951171875 at 2047 and above.
 uint32_t lc_iris_target_bits(uint16_t value);
-// Last non-zero iris value driven (limited to 2300), for the iris module.
-uint16_t lc_iris_value();
 // Number of waits that gave up on a stuck busy flag since start.
 uint32_t lc_busy_timeouts();
 

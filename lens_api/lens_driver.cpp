@@ -29,6 +29,10 @@ struct DriverState {
 
 DriverState g_driver;
 
+// Per thread: moves run on the main thread, homing and iris drives also on the command thread,
+// and one thread's drop must not be charged to the other's move.
+thread_local uint8_t t_dropped = 0;
+
 uint8_t home_both() {
     const LensDriverOps& ops = lens_ops();
     uint8_t result = 0;
@@ -48,6 +52,16 @@ uint8_t home_both() {
 }
 
 }  // namespace
+
+void lens_report_dropped(uint8_t channels) {
+    t_dropped = static_cast<uint8_t>(t_dropped | channels);
+}
+
+uint8_t lens_take_dropped() {
+    const uint8_t d = t_dropped;
+    t_dropped = 0;
+    return d;
+}
 
 const LensDriverOps& lens_ops() {
     return g_driver.override_ops != nullptr ? *g_driver.override_ops : g_driver.ops;

@@ -39,6 +39,17 @@ struct LensDriverOps {
                       uint8_t focus_steps);  // 10: both channels with matched speeds
 };
 
+// Moves the driver could not start. The chips' start/busy signals are waited for before every move,
+// and a wait that gives up (a stuck channel) drops the move. The position counts must only follow
+// what the motors were told to do, so move_both reports the channels it dropped here, on the
+// calling thread, and lens_move picks the report up right after the call. Bits as below.
+inline constexpr uint8_t kMoveZoomDropped = 0x01;
+inline constexpr uint8_t kMoveFocusDropped = 0x02;
+// Drivers: adds channels to the calling thread's report.
+void lens_report_dropped(uint8_t channels);
+// Returns the calling thread's report and clears it.
+uint8_t lens_take_dropped();
+
 // The table in force.
 const LensDriverOps& lens_ops();
 

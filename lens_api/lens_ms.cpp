@@ -5,6 +5,7 @@
 
 #include "base/dbgout.h"
 #include "lens_api/gpio_pins.h"
+#include "lens_api/iris.h"
 #include "lens_api/spi_link.h"
 #include "platform/clock.h"
 
@@ -135,29 +136,46 @@ struct MsState {
     // Read before the mutex is taken (iris_drive returns early on an unchanged value), from the
     // main thread and the command thread.
     std::atomic<uint16_t> last_iris{0};
-    std::atomic<uint16_t> iris_value{0};
     std::atomic<uint8_t> sensor_command{0};
     std::atomic<uint32_t> busy_timeouts{0};
+    // The busy line stayed high through a whole bounded wait. Until a read finds it low again,
+    // waits read it once instead of polling for seconds: a dead line (or no GPIO device at all)
+    // then costs each move one read, not the frame rate.
+    std::atomic<bool> busy_stuck{false};
+    std::atomic<uint32_t> dropped_while_stuck{0};
+    DbgRepeat stuck_report;  // "busy line stuck" lines: the first one, then a count
 };
 
 MsState g_ms;
 
 // Polls pls until it reads 0. sleep_us between polls (0: none). False when the line is still high
-// at the bound; the caller then drops its move.
+// at the bound, or at once when it was already found stuck and still reads high; the caller then
+// drops its move.
 bool wait_idle(uint32_t sleep_us, const char* who) {
+    const bool was_stuck = g_ms.busy_stuck.load(std::memory_order_relaxed);
+    const uint32_t max_polls = was_stuck ? 1 : kMsBusyWaitMaxPolls;
     const uint64_t t0 = platform::monotonic_us();
     int level = 0;
-    for (uint32_t polls = 0; polls < kMsBusyWaitMaxPolls; ++polls) {
+    for (uint32_t polls = 0; polls < max_polls; ++polls) {
         level = gpio_read_busy();
-        if (level == 0)
+        if (level == 0) {
+            if (was_stuck && g_ms.busy_stuck.exchange(false)) {
+                dbg_err(kSource, who, __LINE__, "busy line idle again, %u moves dropped\n",
+                        g_ms.dropped_while_stuck.exchange(0));
+                g_ms.stuck_report.reset();
+            }
             return true;
+        }
         if (sleep_us != 0)
             platform::sleep_us(sleep_us);
         if (platform::monotonic_us() - t0 >= kMsBusyWaitLimitUs)
             break;
     }
+    g_ms.busy_stuck.store(true, std::memory_order_relaxed);
+    g_ms.dropped_while_stuck.fetch_add(1, std::memory_order_relaxed);
     g_ms.busy_timeouts.fetch_add(1, std::memory_order_relaxed);
-    dbg_err(kSource, who, __LINE__, "busy line stuck (pls reads %d), move dropped\n", level);
+    dbg_err_limited(g_ms.stuck_report, kSource, who, __LINE__,
+                    "busy line stuck (pls reads %d), move dropped\n", level);
     return false;
 }
 
@@ -346,7 +364,9 @@ void ms_iris_drive(uint16_t value) {
     gpio_set_vd(0);
     if (value > kIrisMax)
         value = kIrisMax;
-    g_ms.iris_value.store(value, std::memory_order_relaxed);
+    // The limited value is where the iris stands from now on: the automatic loop, relative iris
+    // commands and the published state all work from it.
+    iris_note_driven(value);
     spi_ms_write(kRegIris, static_cast<uint16_t>(kIrisMax - value));
     // The strobe also latches the control words: with both counts cleared no motor moves.
     g_ms.zoom_word &= kKeepNoCount;
@@ -365,8 +385,12 @@ void ms_zoom_step(uint8_t direction, uint8_t steps) {
 }
 
 void ms_move_both(uint8_t zoom_dir, uint8_t zoom_steps, uint8_t focus_dir, uint8_t focus_steps) {
-    if (!wait_idle(0, __func__))
+    if (!wait_idle(0, __func__)) {
+        // One busy line for both channels: the whole move is dropped.
+        lens_report_dropped(static_cast<uint8_t>((zoom_steps != 0 ? kMoveZoomDropped : 0) |
+                                                 (focus_steps != 0 ? kMoveFocusDropped : 0)));
         return;
+    }
     std::lock_guard<std::mutex> lock(g_ms.mu);
     gpio_set_vd(0);
     g_ms.focus_word = focus_steps != 0
@@ -425,10 +449,6 @@ uint16_t ms_focus_word() {
     return g_ms.focus_word;
 }
 
-uint16_t ms_iris_value() {
-    return g_ms.iris_value.load(std::memory_order_relaxed);
-}
-
 uint8_t ms_sensor_last_command() {
     return g_ms.sensor_command.load(std::memory_order_relaxed);
 }
@@ -447,7 +467,9 @@ void ms_reset_for_testing() {
     g_ms.zoom_word = g_ms.spare_word = g_ms.focus_word = kWordSetup;
     g_ms.toggle = 0;
     g_ms.last_iris.store(0);
-    g_ms.iris_value.store(0);
     g_ms.sensor_command.store(0);
     g_ms.busy_timeouts.store(0);
+    g_ms.busy_stuck.store(false);
+    g_ms.dropped_while_stuck.store(0);
+    g_ms.stuck_report.reset();
 }

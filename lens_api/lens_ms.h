@@ -22,7 +22,10 @@
 // stays high (a stuck chip, or a GPIO device that does not answer, whose read leaves the pin
 // number in place of a level) would hang the daemon. Every wait therefore gives up after
 // kMsBusyWaitLimitUs on the platform clock, or after kMsBusyWaitMaxPolls reads if time does not
-// advance, reports "busy line stuck", and drops the move; a homing that meets it fails.
+// advance, reports "busy line stuck" (repeats are counted, one line every few seconds), and drops
+// the move, which move_both reports to the position counts (lens_report_dropped); a homing that
+// meets it fails. Once the line has been found stuck, waits read it once until it reads low again
+// ("busy line idle again"), so that a dead line does not cost every frame a two-second wait.
 #pragma once
 
 #include <cstdint>
@@ -61,8 +64,6 @@ uint16_t ms_period_for_steps(uint8_t steps);
 // Driver state, for the iris module, diagnostics and tests.
 uint16_t ms_zoom_word();
 uint16_t ms_focus_word();
-// Last iris value that reached the chip, limited to 1023 (0 at start).
-uint16_t ms_iris_value();
 uint8_t ms_sensor_last_command();
 uint8_t ms_sensor_toggle_state();
 // Waits that gave up on a stuck busy line since start.

@@ -68,50 +68,61 @@ uint8_t available(uint8_t steps, int32_t room) {
     return room < steps ? static_cast<uint8_t>(room) : steps;
 }
 
-// One channel: bounds the steps, moves the count, and works out the motor command with backlash.
-// down_dir / up_dir are the motor directions that lower / raise the position.
+// One channel: bounds the steps, works out the new count and the motor command with backlash.
+// down_dir / up_dir are the motor directions that lower / raise the position. Nothing is stored:
+// the count and the remembered direction change only once the driver has started the move.
 struct Channel {
+    uint16_t old_pos;
+    uint16_t new_pos;
     uint8_t motor_dir;
     uint8_t motor_steps;
+    bool reverses;  // the motor turns the other way than last time (backlash added)
 };
 
-Channel channel_move(std::atomic<uint16_t>& pos, uint8_t dir, uint8_t steps, uint16_t min,
-                     uint16_t max, uint16_t ceiling, uint8_t down_dir, uint8_t up_dir,
-                     uint8_t& last_dir, uint16_t backlash) {
+Channel channel_plan(uint16_t pos, uint8_t dir, uint8_t steps, uint16_t min, uint16_t max,
+                     uint16_t ceiling, uint8_t down_dir, uint8_t up_dir, uint8_t last_dir,
+                     uint16_t backlash) {
     if (steps == 0)
-        return {last_dir, 0};
+        return {pos, pos, last_dir, 0, false};
     if (steps > kMaxStepsPerMove)
         steps = kMaxStepsPerMove;
-    const int32_t p = pos.load();
+    const int32_t p = pos;
     uint8_t motor_dir = 0;
+    int32_t next = p;
     switch (dir) {
         case 0:
             motor_dir = down_dir;
             steps = available(steps, p - min);
-            pos = static_cast<uint16_t>(p - steps);
+            next = p - steps;
             break;
         case 1:
             motor_dir = up_dir;
             steps = available(steps, max - p);
-            pos = static_cast<uint16_t>(p + steps);
+            next = p + steps;
             break;
         case 2:
             motor_dir = down_dir;
             steps = available(steps, p);
-            pos = static_cast<uint16_t>(p - steps);
+            next = p - steps;
             break;
         default:
             motor_dir = up_dir;
             steps = available(steps, ceiling - p);
-            pos = static_cast<uint16_t>(p + steps);
+            next = p + steps;
             break;
     }
-    uint8_t motor_steps = steps;
-    if (steps > 0 && motor_dir != last_dir) {
-        motor_steps = static_cast<uint8_t>(steps + backlash);
-        last_dir = motor_dir;
-    }
-    return {motor_dir, motor_steps};
+    const bool reverses = steps > 0 && motor_dir != last_dir;
+    const uint8_t motor_steps = reverses ? static_cast<uint8_t>(steps + backlash) : steps;
+    return {pos, static_cast<uint16_t>(next), motor_dir, motor_steps, reverses};
+}
+
+// Takes over a planned move that the driver started. A homing on the command thread that set the
+// count while the move was on its way has the last word: its count is where the lens is.
+void channel_commit(const Channel& c, std::atomic<uint16_t>& pos, uint8_t& last_dir) {
+    uint16_t expected = c.old_pos;
+    pos.compare_exchange_strong(expected, c.new_pos);
+    if (c.reverses)
+        last_dir = c.motor_dir;
 }
 
 void map_speed_device() {
@@ -156,13 +167,22 @@ uint8_t lens_move(uint8_t zoom_dir, uint8_t zoom_steps, uint8_t focus_dir, uint8
         return 1;
     // The zoom motor turns the other way round: motor direction 1 lowers the zoom position.
     const Channel z =
-        channel_move(g_lens.zoom, zoom_dir, zoom_steps, g_lens.zoom_min, g_lens.zoom_max,
+        channel_plan(g_lens.zoom, zoom_dir, zoom_steps, g_lens.zoom_min, g_lens.zoom_max,
                      kZoomTravelLimit, 1, 0, g_lens.zoom_dir, g_lens.zoom_backlash);
     const Channel f =
-        channel_move(g_lens.focus, focus_dir, focus_steps, g_lens.focus_min, g_lens.focus_max,
+        channel_plan(g_lens.focus, focus_dir, focus_steps, g_lens.focus_min, g_lens.focus_max,
                      g_lens.focus_ceiling, 0, 1, g_lens.focus_dir, g_lens.focus_backlash);
+    // The counts are the only record of where the lens stands, so they take over only the moves
+    // the driver really started. A channel it dropped (stuck busy) keeps its count and its
+    // remembered direction: the motor did not turn, so the next reversal still owes the backlash.
+    lens_take_dropped();
     lens_ops().move_both(z.motor_dir, z.motor_steps, f.motor_dir, f.motor_steps);
-    return 0;
+    const uint8_t dropped = lens_take_dropped();
+    if ((dropped & kMoveZoomDropped) == 0)
+        channel_commit(z, g_lens.zoom, g_lens.zoom_dir);
+    if ((dropped & kMoveFocusDropped) == 0)
+        channel_commit(f, g_lens.focus, g_lens.focus_dir);
+    return dropped != 0 ? kMoveDropped : 0;
 }
 
 void lens_apply_parameters() {

@@ -10,10 +10,16 @@
 // Zoom count after a successful homing, and the mechanical travel limit for calibration moves.
 inline constexpr uint16_t kZoomTravelLimit = 6624;
 
+// Result of lens_move when the driver could not start a channel's move (its start/busy signal
+// stuck): that channel's count stays where it was, since the motor did not turn.
+inline constexpr uint8_t kMoveDropped = 2;
+
 // Moves zoom and focus together. Zoom directions: 0 down to the zoom minimum, 1 up to the zoom
 // maximum, 2 down to 0, 3 up to 6624. Focus directions: 0 down to the focus minimum, 1 up to the
 // focus maximum, 2 down to 0, 3 up to the focus ceiling. At most 80 steps per channel. Returns 0
-// when a move was issued, 1 when there was nothing to do or a direction was unknown.
+// when the move was issued, 1 when there was nothing to do or a direction was unknown (nothing
+// moves), kMoveDropped when the driver dropped a channel's move (the counts follow only what
+// the driver started).
 uint8_t lens_move(uint8_t zoom_dir, uint8_t zoom_steps, uint8_t focus_dir, uint8_t focus_steps);
 
 // Applies the loaded lens parameter record to the bounds (start-up).

@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <initializer_list>
 
 #include "base/dbgout.h"
 #include "platform/spi.h"
@@ -27,13 +28,33 @@ SpiLink g_lc;
 SpiLink g_ms;
 uint32_t g_busNumber = kDefaultBus;
 
+// A missing or broken device fails every transfer, and the link tries the open again on each:
+// per link, one rate-limited report for the failed opens and set-ups and one for the failed
+// transfers, so that a board without the chip does not print a line per register access.
+struct LinkReports {
+    DbgRepeat open;
+    DbgRepeat transfer;
+};
+LinkReports g_lcReports;
+LinkReports g_msReports;
+
+LinkReports& reports_of(const SpiLink& link) {
+    return &link == &g_lc ? g_lcReports : g_msReports;
+}
+
 // The LC898201 link keeps its frames in module buffers; a transfer owns them for its duration.
 uint8_t g_lcTx[6];
 uint8_t g_lcRx[6];
 
-void print_flush(const char* fmt, int a, int b = 0) {
-    std::printf(fmt, a, b);
-    std::fflush(stdout);
+// One formatted open or set-up failure line through the link's report.
+void open_failure(const SpiLink& link, const char* fmt, int a, int b = 0) {
+    char text[96];
+    std::snprintf(text, sizeof text, fmt, a, b);
+    dbg_line_limited(reports_of(link).open, text);
+}
+
+void transfer_failure(const SpiLink& link) {
+    dbg_line_limited(reports_of(link).transfer, "send spi error");
 }
 
 void close_link(SpiLink& link) {
@@ -50,13 +71,13 @@ int configure(SpiLink& link) {
     platform::SpiBackend& spi = platform::spi();
     int ret = spi.ioctl(link.fd, SPI_IOC_WR_MODE, &link.mode);
     if (ret < 0) {
-        print_flush("ioctl SPI_IOC_WR_MODE err, value = %d ret = %d\n", link.mode, ret);
+        open_failure(link, "ioctl SPI_IOC_WR_MODE err, value = %d ret = %d", link.mode, ret);
         close_link(link);
         return ret;
     }
     ret = spi.ioctl(link.fd, SPI_IOC_RD_MODE, &link.mode);
     if (ret < 0) {
-        print_flush("ioctl SPI_IOC_RD_MODE err, value = %d ret = %d\n", link.mode, ret);
+        open_failure(link, "ioctl SPI_IOC_RD_MODE err, value = %d ret = %d", link.mode, ret);
         close_link(link);
         return ret;
     }
@@ -73,7 +94,7 @@ int configure(SpiLink& link) {
     };
     for (const Step& s : steps) {
         if (spi.ioctl(link.fd, s.request, s.arg) < 0) {
-            dbg_line(s.message);
+            dbg_line_limited(reports_of(link).open, s.message);
             close_link(link);
             return 1;
         }
@@ -129,7 +150,7 @@ int spi_lc_open() {
     g_lc.mode |= SPI_CPOL;
     g_lc.mode &= static_cast<uint8_t>(~SPI_CS_HIGH);
     if (!take_fd(g_lc, platform::spi().open("/dev/spidev4.0", O_RDWR | O_NOCTTY))) {
-        dbg_line("Open /dev/spidev4.0 error!");
+        dbg_line_limited(g_lcReports.open, "Open /dev/spidev4.0 error!");
         return -1;
     }
     return configure(g_lc);
@@ -147,7 +168,7 @@ uint8_t spi_lc_read8(uint16_t addr) {
     g_lcTx[2] = 0xFF;
     std::memset(g_lcRx, 0, sizeof g_lcRx);
     if (transfer(g_lc, g_lcTx, g_lcRx, 3) < 0) {
-        dbg_line("send spi error");
+        transfer_failure(g_lc);
         return 0;
     }
     return g_lcRx[2];
@@ -161,7 +182,7 @@ int spi_lc_write8(uint16_t addr, uint8_t value) {
     g_lcTx[2] = value;
     const int ret = transfer(g_lc, g_lcTx, nullptr, 3);
     if (ret < 0) {
-        dbg_line("send spi error");
+        transfer_failure(g_lc);
         return 1;
     }
     return ret;
@@ -175,7 +196,7 @@ uint32_t spi_lc_read32(uint16_t addr) {
     std::memset(g_lcTx + 2, 0xFF, 4);
     std::memset(g_lcRx, 0, sizeof g_lcRx);
     if (transfer(g_lc, g_lcTx, g_lcRx, 6) < 0) {
-        dbg_line("send spi error");
+        transfer_failure(g_lc);
         return 0;
     }
     return (static_cast<uint32_t>(g_lcRx[2]) << 24) | (static_cast<uint32_t>(g_lcRx[3]) << 16) |
@@ -192,7 +213,7 @@ int spi_lc_write32(uint16_t addr, uint32_t value) {
     g_lcTx[4] = static_cast<uint8_t>((value >> 8) & 0xFF);
     g_lcTx[5] = static_cast<uint8_t>(value & 0xFF);
     if (transfer(g_lc, g_lcTx, nullptr, 6) < 0) {
-        dbg_line("send spi error");
+        transfer_failure(g_lc);
         return 1;
     }
     return 0;
@@ -210,7 +231,7 @@ int spi_ms_open() {
     if (g_busNumber < sizeof kDevices / sizeof kDevices[0])
         fd = platform::spi().open(kDevices[g_busNumber], O_RDWR | O_NOCTTY);
     if (!take_fd(g_ms, fd)) {
-        print_flush("Open /dev/spidev%d.0 error!\n", static_cast<int>(g_busNumber));
+        open_failure(g_ms, "Open /dev/spidev%d.0 error!", static_cast<int>(g_busNumber));
         return -1;
     }
     const int ret = configure(g_ms);
@@ -233,7 +254,7 @@ uint16_t spi_ms_read(uint8_t reg) {
     const uint8_t tx[3] = {static_cast<uint8_t>((reg & 0x3F) | 0x40), 0x00, 0x00};
     uint8_t rx[3] = {0, 0, 0};
     if (transfer(g_ms, tx, rx, 3) < 0) {
-        dbg_line("send spi error");
+        transfer_failure(g_ms);
         return 0;
     }
     return static_cast<uint16_t>(rx[1] | (rx[2] << 8));
@@ -245,7 +266,7 @@ int spi_ms_write(uint8_t reg, uint16_t value) {
                            static_cast<uint8_t>(value >> 8)};
     const int ret = transfer(g_ms, tx, nullptr, 3);
     if (ret < 0) {
-        dbg_line("send spi error");
+        transfer_failure(g_ms);
         return 1;
     }
     return ret;
@@ -261,6 +282,10 @@ SpiLinkInfo spi_ms_info() {
 void spi_reset_for_testing() {
     close_link(g_lc);
     close_link(g_ms);
+    for (LinkReports* r : {&g_lcReports, &g_msReports}) {
+        r->open.reset();
+        r->transfer.reset();
+    }
     g_lc = SpiLink{};
     g_ms = SpiLink{};
     g_busNumber = kDefaultBus;

@@ -7,7 +7,9 @@
 //  - MS41908: /dev/spidevN.0 (N = bus number 0..4, default 4), mode 3, chip select active high,
 //    LSB first; 6-bit register numbers with bit 6 as the read flag, 16-bit data low byte first.
 // A link whose set-up failed stays unopened and tries again on its next transfer. Reads that fail
-// return 0 (callers take it as a register value), writes that fail return 1.
+// return 0 (callers take it as a register value), writes that fail return 1. Failure messages are
+// rate-limited per link (a missing device fails every transfer): the first open or set-up failure
+// and the first failed transfer are printed, repeats are counted and reported every few seconds.
 #pragma once
 
 #include <cstdint>

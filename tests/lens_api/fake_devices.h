@@ -207,6 +207,16 @@ class LcChip {
         return out;
     }
 
+    // 32-bit register writes that reached the chip, in order; `only` picks one register.
+    std::vector<std::pair<uint16_t, uint32_t>> writes32(int only = -1) {
+        std::vector<std::pair<uint16_t, uint32_t>> out;
+        for (const Call& c : board_.calls(Call::kTransfer))
+            if (mine(c) && !c.reads() && c.tx.size() == 6 && (only < 0 || address(c) == only))
+                out.emplace_back(address(c), (uint32_t(c.tx[2]) << 24) | (c.tx[3] << 16) |
+                                                 (c.tx[4] << 8) | c.tx[5]);
+        return out;
+    }
+
   private:
     static bool mine(const Call& c) { return c.mode == 0x03 && c.path == "/dev/spidev4.0"; }
     static uint16_t address(const Call& c) { return ((c.tx[0] & 0x7F) << 8) | c.tx[1]; }

@@ -92,13 +92,13 @@ TEST_F(Lc898201Test, IrisTargetsAreExactFloats) {
     EXPECT_EQ(lc_iris_target_bits(2300), bits(0.99951171875f));
 
     lc_iris_drive(3000);
-    EXPECT_EQ(lc_iris_value(), 2300);
+    EXPECT_EQ(iris_get_value(), 2300);
     EXPECT_EQ(chip.writes(), (Pairs{{0x0314, 0x80}, {0x000D, 1}})) << "drive on, then take";
     EXPECT_EQ(chip.reg32[0x1027], bits(0.99951171875f));
     board.clear();
     lc_iris_drive(0);
     EXPECT_EQ(chip.writes(), (Pairs{{0x0314, 0}})) << "value 0 only switches the drive off";
-    EXPECT_EQ(lc_iris_value(), 2300);
+    EXPECT_EQ(iris_get_value(), 2300);
 }
 
 TEST_F(Lc898201Test, DeadSensorsFailAfterTheirMoveLimits) {
@@ -120,12 +120,27 @@ TEST_F(Lc898201Test, StuckBusyIsBoundedReportedAndFailsHoming) {
     EXPECT_EQ(r, kHomeFailed);
     EXPECT_NE(out.find("zoom channel busy stuck"), std::string::npos) << out;
     EXPECT_EQ(lc_busy_timeouts(), 1u);
-    // A move on the stuck channel is dropped; the other channel still moves.
+    // A move on the stuck channel is dropped and reported to the position counts; the other
+    // channel still moves. Found stuck, the channel's flag is read once per move, and the repeat
+    // is counted rather than printed.
     board.clear();
-    capture_stdout([] { lc_move_both(0, 10, 1, 10); });
+    lens_take_dropped();
+    const std::string again = capture_stdout([] { lc_move_both(0, 10, 1, 10); });
+    EXPECT_EQ(again, "");
     EXPECT_TRUE(chip.writes(0x010E).empty());
     EXPECT_EQ(chip.writes(0x014E).size(), 1u);
     EXPECT_EQ(lc_busy_timeouts(), 2u);
+    EXPECT_EQ(lens_take_dropped(), kMoveZoomDropped);
+    int zoom_busy_reads = 0;
+    for (const lensfake::Call& c : board.calls(lensfake::Call::kTransfer))
+        zoom_busy_reads += c.reads() && c.tx.size() == 3 && c.tx[0] == 0x81 && c.tx[1] == 0x0E;
+    EXPECT_EQ(zoom_busy_reads, 1);
+    // Idle again: moves go out, and the end of the spell is reported.
+    chip.zoom_stuck_busy = false;
+    const std::string back = capture_stdout([] { lc_move_both(0, 10, 0, 0); });
+    EXPECT_EQ(chip.writes(0x010E).size(), 1u);
+    EXPECT_NE(back.find("zoom channel idle again, 2 moves dropped"), std::string::npos) << back;
+    EXPECT_EQ(lens_take_dropped(), 0);
 }
 
 // A unit whose Hall reading rises with the offset (0.0006 a unit) and the bias, centred at

@@ -6,6 +6,7 @@
 
 #include <cmath>
 
+#include "base/dbgout.h"
 #include "tests/lens_api/fake_devices.h"
 
 namespace {
@@ -146,44 +147,78 @@ TEST_F(Ms41908Driver, IrisDriveReachesTheChipOncePerNewValueWithoutMovingAMotor)
     EXPECT_EQ(chip.shape(), "BLWWWH");
     EXPECT_GE(clock.monotonic_us(), 4000u);
     EXPECT_EQ(chip.zoom() + chip.focus, 0);
-    EXPECT_EQ(ms_iris_value(), 5);
+    EXPECT_EQ(iris_get_value(), 5);
     board.clear();
     ms_iris_drive(5);
     EXPECT_EQ(chip.shape(), "");
     ms_iris_drive(2000);
     EXPECT_EQ(chip.regs[0x00], 0);
-    EXPECT_EQ(ms_iris_value(), 1023);
+    EXPECT_EQ(iris_get_value(), 1023);
     // On a stuck busy line the drive is dropped, and the same value is tried again later.
     chip.busy_stuck = true;
     const std::string out = capture_stdout([] { ms_iris_drive(300); });
     EXPECT_NE(out.find("DBG_ERR:lens_api/lens_ms ms_iris_drive["), std::string::npos) << out;
     EXPECT_EQ(ms_busy_timeouts(), 1u);
     EXPECT_EQ(chip.regs[0x00], 0);
+    EXPECT_EQ(iris_get_value(), 1023) << "the iris is still where it was";
     chip.busy_stuck = false;
-    ms_iris_drive(300);
+    capture_stdout([] { ms_iris_drive(300); });
     EXPECT_EQ(chip.regs[0x00], 723);
+    EXPECT_EQ(iris_get_value(), 300);
 }
 
 TEST_F(Ms41908Driver, AMoveOnAStuckBusyLineIsDroppedWithinTheBound) {
     chip.busy_stuck = true;
     board.keep_log = false;
-    const std::string out = capture_stdout([] { ms_move_both(0, 10, 0, 10); });
+    std::string out = capture_stdout([] { ms_move_both(0, 10, 0, 10); });
     EXPECT_EQ(chip.strobes, 0u);
-    EXPECT_NE(out.find("busy line stuck (pls reads 1), move dropped"), std::string::npos) << out;
+    EXPECT_EQ(out.rfind("DBG_ERR:lens_api/lens_ms ms_move_both[", 0), 0u) << out;
+    EXPECT_NE(out.find("] busy line stuck (pls reads 1), move dropped\n"), std::string::npos)
+        << out;
     // Without sleeps between polls the bound is the poll count (time does not advance here).
     EXPECT_EQ(chip.pls_reads, kMsBusyWaitMaxPolls);
     EXPECT_EQ(clock.monotonic_us(), 0u);
+    EXPECT_EQ(lens_take_dropped(), kMoveZoomDropped | kMoveFocusDropped) << "one line, both";
 
-    // When each read costs time, as a bus call does, the time on the clock ends the wait.
+    // Once found stuck, the line is read once per operation, and the repeats are counted rather
+    // than printed, until the next report is due.
+    out = capture_stdout([] {
+        ms_zoom_step(0, 1);
+        ms_move_both(0, 0, 1, 5);
+        ms_iris_drive(300);
+    });
+    EXPECT_EQ(out, "");
+    EXPECT_EQ(chip.pls_reads, kMsBusyWaitMaxPolls + 3);
+    EXPECT_EQ(lens_take_dropped(), kMoveFocusDropped);
+    EXPECT_EQ(ms_busy_timeouts(), 4u);
+    clock.sleep_us(kDbgRepeatIntervalUs);
+    out = capture_stdout([] { ms_move_both(0, 10, 0, 10); });
+    EXPECT_NE(out.find("move dropped (3 more since the last report)\n"), std::string::npos) << out;
+    EXPECT_EQ(chip.strobes, 0u);
+    EXPECT_EQ(lens_take_dropped(), kMoveZoomDropped | kMoveFocusDropped);
+
+    // The line comes back: the move goes out, and the end of the spell is reported.
+    chip.busy_stuck = false;
+    out = capture_stdout([] { ms_move_both(0, 10, 0, 10); });
+    EXPECT_EQ(chip.strobes, 1u);
+    EXPECT_NE(out.find("busy line idle again, 5 moves dropped"), std::string::npos) << out;
+    EXPECT_EQ(lens_take_dropped(), 0);
+
+    // Stuck again: a whole bound again, this time ended by the clock, as each read costs time like
+    // a bus call does; and the first line of the new spell is printed.
     board.after_call = [this](const Call& c) {
         if (c.kind == Call::kGpio)
             clock.sleep_us(10);
     };
-    capture_stdout([] { ms_zoom_step(0, 1); });
-    EXPECT_GE(clock.monotonic_us(), kMsBusyWaitLimitUs);
-    EXPECT_LT(clock.monotonic_us(), kMsBusyWaitLimitUs + 20);
-    EXPECT_EQ(chip.strobes, 0u);
-    EXPECT_EQ(ms_busy_timeouts(), 2u);
+    chip.busy_stuck = true;
+    const uint64_t t0 = clock.monotonic_us();
+    out = capture_stdout([] { ms_zoom_step(0, 1); });
+    EXPECT_GE(clock.monotonic_us() - t0, kMsBusyWaitLimitUs);
+    EXPECT_LT(clock.monotonic_us() - t0, kMsBusyWaitLimitUs + 20);
+    EXPECT_EQ(chip.strobes, 1u);
+    EXPECT_EQ(ms_busy_timeouts(), 6u);
+    EXPECT_NE(out.find("ms_zoom_step"), std::string::npos) << out;
+    EXPECT_EQ(out.find("more since"), std::string::npos) << out;
 }
 
 TEST_F(Ms41908Driver, FilterSwitchDrivesForATenthOfASecond) {

@@ -205,4 +205,58 @@ TEST_F(LensDriverTest, ZoomSpeedStepsAndTheirPublishedTable) {
     }
 }
 
+// ---- Counts on hardware that does not take the move ---------------------------------------------
+
+// The counts are the only record of where the lens stands: a move the chip driver dropped (its
+// busy signal stuck) must leave them, and the remembered motor direction, as they were, so that
+// the counts and the motors still agree when the hardware comes back.
+class LensMoveStuck : public lensfake::Rig<> {
+  protected:
+    void SetUp() override {
+        Rig::SetUp();
+        board.keep_log = false;  // waits of a million polls
+        lens_set_positions(3000, 3000);
+    }
+};
+
+TEST_F(LensMoveStuck, Ms41908DropsTheWholeMoveAndTheCountsStay) {
+    lensfake::MsChip chip{board};
+    testsupport::capture_stdout([] {
+        gpio_load_pins();
+        lens_detect_chip();
+        ms_init_regs();
+    });
+    chip.set_zoom(3000);
+    chip.focus = 3000;
+    chip.busy_stuck = true;
+    testsupport::capture_stdout([] { EXPECT_EQ(lens_move(0, 10, 1, 20), kMoveDropped); });
+    EXPECT_EQ(lens_get_zoom_pos(), 3000);
+    EXPECT_EQ(lens_get_focus_pos(), 3000);
+    EXPECT_EQ(chip.strobes, 0u);
+    // Back: the same move goes out, still with the backlash of both reversals (1 and 2).
+    chip.busy_stuck = false;
+    testsupport::capture_stdout([] { EXPECT_EQ(lens_move(0, 10, 1, 20), 0); });
+    EXPECT_EQ(lens_get_zoom_pos(), 2990);
+    EXPECT_EQ(lens_get_focus_pos(), 3020);
+    EXPECT_EQ(chip.zoom(), 3000 - 11);
+    EXPECT_EQ(chip.focus, 3000 + 22);
+}
+
+TEST_F(LensMoveStuck, Lc898201DropsOnlyTheStuckChannel) {
+    lensfake::LcChip chip{board};
+    chip.zoom = chip.focus = 3000;
+    chip.zoom_stuck_busy = true;
+    testsupport::capture_stdout([] { EXPECT_EQ(lens_move(0, 10, 1, 20), kMoveDropped); });
+    EXPECT_EQ(lens_get_zoom_pos(), 3000);
+    EXPECT_EQ(lens_get_focus_pos(), 3020);
+    EXPECT_EQ(chip.zoom, 3000);
+    EXPECT_EQ(chip.focus, 3000 + 22);
+    chip.zoom_stuck_busy = false;
+    testsupport::capture_stdout([] { EXPECT_EQ(lens_move(0, 10, 1, 20), 0); });
+    EXPECT_EQ(lens_get_zoom_pos(), 2990);
+    EXPECT_EQ(lens_get_focus_pos(), 3040);
+    EXPECT_EQ(chip.zoom, 3000 - 11) << "the zoom's reversal still owes its backlash";
+    EXPECT_EQ(chip.focus, 3000 + 42);
+}
+
 }  // namespace

@@ -1,10 +1,11 @@
 // SPI links: wire frames byte for byte, the open sequences and their failures, open on the first
-// transfer and retry after a failed open.
+// transfer and retry after a failed open, rate-limited failure reports.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <functional>
 
+#include "base/dbgout.h"
 #include "tests/lens_api/fake_devices.h"
 
 namespace {
@@ -135,27 +136,40 @@ INSTANTIATE_TEST_SUITE_P(
         OpenFailure{SPI_IOC_WR_MAX_SPEED_HZ, 1, "can't SPI_IOC_WR_MAX_SPEED_HZ\n"},
         OpenFailure{SPI_IOC_RD_MAX_SPEED_HZ, 1, "can't SPI_IOC_RD_MAX_SPEED_HZ\n"}));
 
-TEST_F(SpiLinkTest, MissingDeviceReadsZeroAndEveryTransferTriesTheOpenAgain) {
+// A board without the chip fails every register access: each one tries the open again, but only
+// the first failure of a kind is printed, and then a count every few seconds.
+TEST_F(SpiLinkTest, MissingDeviceReadsZeroTriesTheOpenEveryTimeAndReportsRepeatsEveryFewSeconds) {
     board.spi_open_fails = true;
     board.on_transfer = [](const Call&, uint8_t* rx) { rx[2] = 0x82; };
-    const std::string out = capture_stdout([] {
+    std::string out = capture_stdout([] {
         EXPECT_EQ(spi_lc_read8(0x0101), 0);
         EXPECT_EQ(spi_lc_write8(0x0101, 0x82), 1);
+        EXPECT_EQ(spi_lc_read8(0x0101), 0);
     });
-    EXPECT_EQ(out,
-              "Open /dev/spidev4.0 error!\nsend spi error\n"
-              "Open /dev/spidev4.0 error!\nsend spi error\n");
-    EXPECT_EQ(board.calls(Call::kOpen).size(), 2u);
+    EXPECT_EQ(out, "Open /dev/spidev4.0 error!\nsend spi error\n");
+    EXPECT_EQ(board.calls(Call::kOpen).size(), 3u);
     EXPECT_TRUE(board.calls(Call::kClose).empty()) << "nothing to close, never stdin";
+    clock.sleep_us(kDbgRepeatIntervalUs);
+    out = capture_stdout([] { EXPECT_EQ(spi_lc_write8(0x0101, 0x82), 1); });
+    EXPECT_EQ(out,
+              "Open /dev/spidev4.0 error! (2 more since the last report)\n"
+              "send spi error (2 more since the last report)\n");
 }
 
-TEST_F(SpiLinkTest, FailedTransfersPrintAndReadZeroOrWriteOne) {
+TEST_F(SpiLinkTest, FailedTransfersReadZeroOrWriteOneAndAreReportedPerLink) {
     board.on_transfer = [](const Call& c, uint8_t* rx) {
         if (rx != nullptr)
             std::memset(rx, 0x7F, c.record.len);
     };
     board.transfer_fails = true;
-    const std::string out = capture_stdout([] {
+    auto errors = [](const std::string& out) {
+        int n = 0;
+        for (auto at = out.find("send spi error"); at != std::string::npos;
+             at = out.find("send", at + 1))
+            ++n;
+        return n;
+    };
+    std::string out = capture_stdout([] {
         EXPECT_EQ(spi_lc_read8(0x010E), 0);
         EXPECT_EQ(spi_lc_read32(0x1230), 0u);
         EXPECT_EQ(spi_lc_write8(0x0101, 1), 1);
@@ -163,12 +177,14 @@ TEST_F(SpiLinkTest, FailedTransfersPrintAndReadZeroOrWriteOne) {
         EXPECT_EQ(spi_ms_read(0x24), 0);
         EXPECT_EQ(spi_ms_write(0x24, 1), 1);
     });
-    int errors = 0;
-    for (auto at = out.find("send spi error\n"); at != std::string::npos;
-         at = out.find("send", at + 1))
-        ++errors;
-    EXPECT_EQ(errors, 6) << out;
+    EXPECT_EQ(errors(out), 2) << "the first of each link\n" << out;
     EXPECT_EQ(board.calls(Call::kOpen).size(), 2u) << "a failed transfer keeps the link open";
+    clock.sleep_us(kDbgRepeatIntervalUs);
+    out = capture_stdout([] {
+        EXPECT_EQ(spi_lc_read8(0x010E), 0);
+        EXPECT_EQ(spi_lc_read8(0x010E), 0);
+    });
+    EXPECT_EQ(out, "send spi error (3 more since the last report)\n");
 }
 
 }  // namespace

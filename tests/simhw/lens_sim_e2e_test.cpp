@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <sstream>
 #include <tuple>
 
 #include "lens_api/lens_driver.h"
@@ -230,5 +231,39 @@ INSTANTIATE_TEST_SUITE_P(
                      "lens_focus_init_ms[1099] focus initial fail!"},
         StartupFault{"MsNoGpioDevice", "ms41908", "gpio=absent", kBoth, "open vhd_gpio failed "}),
     [](const ::testing::TestParamInfo<StartupFault>& i) { return std::string(i.param.name); });
+
+// With no lens hardware at all (no SPI device, no GPIO device) the start-up fails, and from then
+// on every frame still asks for an iris drive (the degraded loop runs the automatic iris on every
+// frame) and may ask for a move. Each must be dropped at once, not after polling the dead busy
+// line for the whole bound, and the log must get the first failure and then a count every few
+// seconds, not a line per frame.
+TEST_F(LensSimE2E, WithoutLensHardwareEachFrameDropsAtOnceAndTheLogGetsARepeatCount) {
+    start("none", "gpio=absent,fault.spi_open=error", 3000, 3000);
+    uint8_t result = 0;
+    daemon_startup(&result);
+    ASSERT_EQ(result, kBoth);
+    iris_publish_init();
+    constexpr int kFrames = 900;  // 30 s at 30 frames/s
+    const uint64_t requests0 = server->requests();
+    int frames = 0;
+    const std::string out = testsupport::capture_stdout([&] {
+        // One busy-line read for the iris drive, one for the move: a frame that polls more is
+        // polling a dead line, and the run stops there.
+        for (; frames < kFrames && server->requests() - requests0 <= 2u * frames; ++frames) {
+            iris_drive_publish(static_cast<uint16_t>(400 + frames % 100));
+            lens_move(1, 10, 1, 10);
+            clock.sleep_us(33333);
+        }
+    });
+    EXPECT_EQ(frames, kFrames) << "hardware requests: " << server->requests() - requests0;
+    int lines = 0, counts = 0;
+    std::istringstream text(out);
+    for (std::string line; std::getline(text, line); ++lines)
+        counts += line.find("more since the last report") != std::string::npos;
+    EXPECT_GE(counts, 1) << out;
+    EXPECT_LE(lines, 1 + kFrames / 150 + 1) << "one line per 5 s, not per frame\n" << out;
+    EXPECT_EQ(lens_get_zoom_pos(), 0) << "nothing moved";
+    EXPECT_EQ(iris_get_value(), 0);
+}
 
 }  // namespace
