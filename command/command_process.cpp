@@ -608,9 +608,14 @@ void handle_write(uint8_t* buf, size_t len) {
                 return;
             const uint16_t absolute = get16(p + 2);
             const int16_t delta = static_cast<int16_t>(get16(p + 4));
-            const uint16_t target =
-                p[0] == 0 ? static_cast<uint16_t>(iris_get_value() + delta) : absolute;
-            iris_drive_publish(target);
+            // A relative move from the driven value; one that would pass either end stops at
+            // it instead of wrapping round to the other (the driver then limits it to its chip).
+            int32_t target = absolute;
+            if (p[0] == 0) {
+                target = static_cast<int32_t>(iris_get_value()) + delta;
+                target = target < 0 ? 0 : (target > 0xFFFF ? 0xFFFF : target);
+            }
+            iris_drive_publish(static_cast<uint16_t>(target));
             break;
         }
         default:

@@ -19,6 +19,7 @@
 #include "af/focus_zone.h"
 #include "base/frame_pacing.h"
 #include "data/lens_tables.h"
+#include "lens_api/iris.h"
 #include "lens_api/lens_driver.h"
 #include "lens_api/lens_position.h"
 #include "platform/ports.h"
@@ -379,6 +380,33 @@ TEST_F(CommandTest, EveryEndOfAMotionForgetsTheTrackingSetUp) {
 }
 
 // ---- Other writes ----
+
+// Write 23 moves the iris to an absolute value or by a signed delta from the value last driven;
+// a delta past either end stops there instead of wrapping round.
+TEST_F(CommandTest, IrisMoveIsAbsoluteOrRelativeToTheDrivenValue) {
+    static uint16_t driven = 0;
+    LensDriverOps ops = lens_ops();
+    ops.iris_drive = [](uint16_t v) {
+        driven = v;
+        iris_note_driven(v);
+    };
+    lens_set_ops_for_testing(&ops);
+    auto move = [](uint8_t relative_flag, uint16_t absolute, int16_t delta) {
+        const uint16_t d = static_cast<uint16_t>(delta);
+        send({'w', 23, relative_flag, 0, static_cast<uint8_t>(absolute & 0xFF),
+              static_cast<uint8_t>(absolute >> 8), static_cast<uint8_t>(d & 0xFF),
+              static_cast<uint8_t>(d >> 8)});
+        return driven;
+    };
+    EXPECT_EQ(move(1, 800, 0), 800) << "absolute";
+    EXPECT_EQ(move(0, 0, -300), 500) << "relative to the driven value";
+    EXPECT_EQ(move(0, 0, 250), 750);
+    EXPECT_EQ(move(0, 0, -1000), 0) << "stops at the closed end";
+    move(1, 65000, 0);
+    EXPECT_EQ(move(0, 0, 1000), 65535) << "stops at the open end";
+    lens_set_ops_for_testing(nullptr);
+    iris_reset_for_testing();
+}
 
 // Write 8 sets one entry of the lens parameter record and saves the record; an index past the
 // record sets nothing but still saves what the daemon holds.
