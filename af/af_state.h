@@ -129,6 +129,8 @@ void FlipDirection();
 // The direction a search starts in (the last step of the search start's preparation).
 void ChooseStartDirection();
 void SetSearchBounds();
+// True: the search starts with the coarse approach; false: straight in the fine scan.
+bool StartPhaseIsCoarse();
 void CountDirectionFrames();
 // Puts the slow (1) or fast (0) AF frame divider in force.
 void af_set_slow_divider(bool slow);
@@ -213,6 +215,16 @@ bool AllAgree(uint8_t kind, uint8_t a, uint8_t b, uint8_t c, uint8_t d = 0, uint
 bool PeakTest(uint8_t kind);
 bool WindowTrend(uint8_t kind, uint8_t w);
 bool PositionsMonotone(uint8_t n);
+// Low-light guard against a noise dip passing for the fall after a peak.
+bool DropConfirmed();
+// Whether the fall the climb sees is a real peak behind it (running extremes, direction).
+bool ClimbPeakReal();
+// The climb's next multiplier for base step `base` from the current g_climb.climbMult.
+uint8_t ClimbMultiplier(uint8_t base);
+// Near/far end test: true when the current side is not clearly sharper than the best place.
+bool EndTest();
+// The end test as the climb runs it: a still-rising current side fails it.
+bool EndTestClimb();
 void CoarseStep();
 void CoarseReset();
 void ClimbStep();

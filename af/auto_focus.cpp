@@ -628,6 +628,10 @@ void restart_for_head() {
 
 }  // namespace
 
+bool StartPhaseIsCoarse() {
+    return start_phase_is_coarse();
+}
+
 uint8_t af_low_light() {
     return g_lowLight;
 }

@@ -391,6 +391,23 @@ void walk_back(uint16_t to, uint32_t threshold_fv) {
 
 }  // namespace
 
+// The climb's and the end rules' decisions, callable on their own.
+bool DropConfirmed() {
+    return drop_confirmed();
+}
+bool ClimbPeakReal() {
+    return climb_peak_real();
+}
+uint8_t ClimbMultiplier(uint8_t base) {
+    return climb_multiplier(base);
+}
+bool EndTest() {
+    return end_test(false);
+}
+bool EndTestClimb() {
+    return end_test(true);
+}
+
 // ---- Step move ----
 
 void StepMove(uint16_t step) {
