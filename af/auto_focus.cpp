@@ -211,7 +211,7 @@ bool start_phase_is_coarse() {
                 if (sharpness_test(z >= 1500 ? 0 : 1, v))
                     ++count;
                 if (z >= 1500) {
-                    if (count > 1 || (n > 0 && count * 2 >= n && count > 0) || n == 1)
+                    if (count > 1 || (count > 0 && count >= n / 2) || n == 1)
                         return false;
                 } else if (count > 3 || (count == n && count > 0)) {
                     return false;

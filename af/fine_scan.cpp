@@ -470,8 +470,7 @@ void FinalStep() {
                 ++g_final.finalStep;
             }
         }
-        if (g_afState == 0)
-            return;
+        // A review that starts a new search still makes this frame's move and reference watch.
     }
     // 5. The move: larger when the value sits on a plateau or far below the anchor.
     const uint32_t big = fv[0] > fv[1] ? fv[0] : fv[1];

@@ -79,8 +79,6 @@ TEST_F(FinalReviewTest, ReviewsAtFifteenAndThirtyFramesJudgeTheSharpestSelectedW
 }
 
 TEST_F(FinalReviewTest, AReviewThatStartsANewSearchStillMakesThisFramesMove) {
-    GTEST_SKIP() << "FinalStep returns right after the review's SnapshotReference; the rule "
-                    "goes on to this frame's move and the reference watch";
     g_zoneType = 1;
     g_final.finalStep = 2;
     frame(14);
@@ -123,8 +121,6 @@ TEST_F(StartPhaseTest, FromZoom1500ASharpWindowOrTwoAboveTheTableGoStraightToThe
 }
 
 TEST_F(StartPhaseTest, HalfOfThreeWindowsIsOne) {
-    GTEST_SKIP() << "with three windows selected, one counting window already reaches half of n "
-                    "(3 / 2 = 1); the code asks for count x 2 >= n and goes on";
     set_low_light(true);
     EXPECT_FALSE(coarse(2048, {6, 7, 8}, {{6, 701}}));
 }
