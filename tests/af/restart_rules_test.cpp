@@ -21,6 +21,7 @@
 #include "lens_api/lens_position.h"
 #include "platform/ports.h"
 #include "scene/scene_analyzer.h"
+#include "tests/af/af_rules_fixture.h"
 #include "tests/isp/isp_peer.h"
 #include "tests/isp/stat_frame.h"
 #include "tests/support/test_env.h"
@@ -29,12 +30,10 @@
 
 namespace {
 
+using afrules::AfRulesTest;
 using isptest::Field;
 using isptest::StatFrame;
 using Windows = std::array<uint32_t, kWindowCount>;
-
-void no_move(uint8_t, uint8_t, uint8_t, uint8_t) {}
-void no_step(uint8_t, uint8_t) {}
 
 // Every block of window z reads sharpness w[z]; no lights anywhere.
 StatFrame windows_frame(const Windows& w) {
@@ -53,48 +52,25 @@ Windows all(uint32_t v) {
     return w;
 }
 
-std::vector<int> selected() {
-    std::vector<int> z;
-    for (int i = 0; i < kWindowCount; ++i)
-        if (g_focusZone.windowMask[i] != 0)
-            z.push_back(i);
-    return z;
-}
-
-void select_only(std::initializer_list<int> zs) {
-    g_focusZone.clear_window_mask();
-    for (int z : zs)
-        g_focusZone.windowMask[z] = 1;
-}
-
-class RestartRulesTest : public ::testing::Test {
+// The rule tests' lens, curves and power-on records; the restart and the search start then run
+// as on a camera, from the command channel's start-up settings.
+class RestartRulesTest : public afrules::AfRulesTest {
   protected:
     void SetUp() override {
-        ops_ = lens_ops();
-        ops_.move_both = no_move;
-        ops_.focus_step = no_step;
-        ops_.zoom_step = no_step;
-        lens_set_ops_for_testing(&ops_);
-        lens_position_reset_for_testing();
-        highlight_reset_for_testing();
-        isp_link_reset_for_testing();
-        frame_pacing_reset_for_testing();
-        testsupport::capture_stdout([] { curve_load(); });
-        af_reset_for_testing();
+        AfRulesTest::SetUp();
         zoom_track_reset_for_testing();
         command_set_autofocus_mode(1);
         command_set_ezoom(0);
         set_window_preset(3);
-        lens_set_positions(3200, 4000);
+        g_blockPath = 1;
+        g_presetFlag = 1;
         show(all(1500));
     }
     void TearDown() override {
-        lens_set_ops_for_testing(nullptr);
-        lens_position_reset_for_testing();
-        af_reset_for_testing();
         zoom_track_reset_for_testing();
         set_window_preset(3);
         command_set_autofocus_mode(0);
+        AfRulesTest::TearDown();
     }
 
     static void show(const Windows& w) {
@@ -114,9 +90,6 @@ class RestartRulesTest : public ::testing::Test {
         for (int i = 0; i < 3 && g_afState == 0; ++i)
             frame();
     }
-
-    LensDriverOps ops_{};
-    testsupport::SandboxRoot root_;
 };
 
 // ---- The zone a search starts with ----
