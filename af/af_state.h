@@ -63,6 +63,14 @@ bool is_highlight_window(int z);
 // A window too weak to lead the zone: at most 2800, and in low light at most 800 unless the zone
 // type favours the inner windows and it reaches 501.
 bool is_weak_window(uint32_t v);
+// A window index with the value it is ranked by.
+struct Ranked {
+    uint32_t v;
+    uint8_t z;
+};
+// The windows `keep` accepts, by value, largest first (stable on ties; no scratch buffer, so it
+// allocates nothing). Returns how many were ranked.
+uint8_t rank_windows(Ranked* out, const uint32_t* w, bool (*keep)(int));
 // Mean window sharpness (this frame) over a set of windows, 50 for an empty set.
 uint32_t WindowSetMean(const uint8_t* set25);
 // Mean of the selected windows: without digital zoom each counts twice over all 25 windows;

@@ -76,30 +76,6 @@ void end_point_light_mode() {
     highlight_clear_latched();
 }
 
-struct Ranked {
-    uint32_t v;
-    uint8_t z;
-};
-
-// Sorts window indices by value, largest first (stable on ties).
-uint8_t rank_windows(Ranked* out, const uint32_t* w, bool (*keep)(int)) {
-    uint8_t n = 0;
-    for (int z = 0; z < kWindowCount; ++z)
-        if (keep(z))
-            out[n++] = Ranked{w[z], static_cast<uint8_t>(z)};
-    // Insertion sort: stable, and no scratch buffer.
-    for (uint8_t i = 1; i < n; ++i) {
-        const Ranked x = out[i];
-        int j = i - 1;
-        while (j >= 0 && out[j].v < x.v) {
-            out[j + 1] = out[j];
-            --j;
-        }
-        out[j + 1] = x;
-    }
-    return n;
-}
-
 void deselect_highlight_windows() {
     for (int z = 0; z < kWindowCount; ++z)
         if (g_focusZone.windowMask[z] != 0 && is_highlight_window(z))
@@ -246,6 +222,25 @@ void refine_zone() {
 }
 
 }  // namespace
+
+// Sorts window indices by value, largest first (stable on ties).
+uint8_t rank_windows(Ranked* out, const uint32_t* w, bool (*keep)(int)) {
+    uint8_t n = 0;
+    for (int z = 0; z < kWindowCount; ++z)
+        if (keep(z))
+            out[n++] = Ranked{w[z], static_cast<uint8_t>(z)};
+    // Insertion sort: stable, and no scratch buffer.
+    for (uint8_t i = 1; i < n; ++i) {
+        const Ranked x = out[i];
+        int j = i - 1;
+        while (j >= 0 && out[j].v < x.v) {
+            out[j + 1] = out[j];
+            --j;
+        }
+        out[j + 1] = x;
+    }
+    return n;
+}
 
 bool is_weak_window(uint32_t v) {
     if (v > 2800)

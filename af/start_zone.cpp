@@ -2,7 +2,6 @@
 // zone itself (only a restart at the same zoom does): the search start chooses it here from the
 // picture as it is now, so that a zone narrowed during the last search (to a centre, a retry
 // window, the windows of an end return) is not carried into a search of a different picture.
-#include <algorithm>
 #include <cstring>
 
 #include "af/af_seams.h"
@@ -62,21 +61,18 @@ void centre_column() {
 }
 
 // Windows ranked by raw sharpness + 50, a highlight window scoring 0, largest first.
-void rank_by_sharpness(uint8_t order[kWindowCount], uint32_t score[kWindowCount]) {
-    for (int z = 0; z < kWindowCount; ++z) {
-        order[z] = static_cast<uint8_t>(z);
+void rank_by_sharpness(Ranked order[kWindowCount]) {
+    uint32_t score[kWindowCount];
+    for (int z = 0; z < kWindowCount; ++z)
         score[z] = is_highlight_window(z) ? 0 : get_window_sharpness(static_cast<uint8_t>(z)) + 50;
-    }
-    std::stable_sort(order, order + kWindowCount,
-                     [&](uint8_t a, uint8_t b) { return score[a] > score[b]; });
+    rank_windows(order, score, [](int) { return true; });
 }
 
 // With the scene's detail outside its lights unknown (the point-light zone flag clear): the three
 // sharpest windows, unless lights lie in them or nothing is sharp.
 void sharpest_or_lights() {
-    uint8_t order[kWindowCount];
-    uint32_t score[kWindowCount];
-    rank_by_sharpness(order, score);
+    Ranked order[kWindowCount];
+    rank_by_sharpness(order);
     int lights = 0;
     for (int z = 0; z < kWindowCount; ++z)
         lights += is_highlight_window(z) ? 1 : 0;
@@ -84,15 +80,15 @@ void sharpest_or_lights() {
     g_focusZone.reset_block_mask();
     int s = 0;
     for (int i = 0; i < 3; ++i)
-        s += live_highlight_count(static_cast<uint8_t>(order[i] / 5),
-                                  static_cast<uint8_t>(order[i] % 5));
+        s += live_highlight_count(static_cast<uint8_t>(order[i].z / 5),
+                                  static_cast<uint8_t>(order[i].z % 5));
     if (s >= 7) {
         g_pointLightMeasure = 1;
         return;
     }
-    if (score[order[2]] >= 301) {
+    if (order[2].v >= 301) {
         for (int i = 0; i < 3; ++i)
-            g_focusZone.windowMask[order[i]] = 1;
+            g_focusZone.windowMask[order[i].z] = 1;
         return;
     }
     if (lights < 3) {
@@ -114,16 +110,15 @@ void zone_type_three() {
         SelectSearchZone();
     g_focusZone.clear_window_mask();
     g_focusZone.reset_block_mask();
-    uint8_t order[kWindowCount];
+    uint32_t raw[kWindowCount];
     for (int z = 0; z < kWindowCount; ++z)
-        order[z] = static_cast<uint8_t>(z);
-    std::stable_sort(order, order + kWindowCount, [](uint8_t a, uint8_t b) {
-        return get_window_sharpness(a) > get_window_sharpness(b);
-    });
+        raw[z] = get_window_sharpness(static_cast<uint8_t>(z));
+    Ranked order[kWindowCount];
+    rank_windows(order, raw, [](int) { return true; });
     bool any = false;
     for (int i = 0; i < 5; ++i)
-        if (get_window_sharpness(order[i]) >= 1201 || get_window_luma_deviation(order[i]) >= 15) {
-            g_focusZone.windowMask[order[i]] = 1;
+        if (order[i].v >= 1201 || get_window_luma_deviation(order[i].z) >= 15) {
+            g_focusZone.windowMask[order[i].z] = 1;
             any = true;
         }
     if (!any)
