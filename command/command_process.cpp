@@ -524,7 +524,9 @@ void handle_write(uint8_t* buf, size_t len) {
             g_cmd.calibration_command = p[0];
             switch (p[0]) {
                 case 1:
+                    // The form follows "CURVE_OFFSET =" of the offsets just loaded.
                     lens_load_offsets();
+                    curve_calibration_set_variant(offset_curve_form());
                     command_set_calibration_mode(kCalCurve);
                     break;
                 case 2:
