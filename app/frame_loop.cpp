@@ -43,6 +43,7 @@ const FrameLoopOps kDefaultOps = {
     SnapshotReference,
     command_publish_positions,
     auto_iris_step,
+    calibration_supervise,
 };
 
 }  // namespace
@@ -83,6 +84,10 @@ void FrameLoop::iteration() {
 
     // 3. Wait for the next frame. Above 90 fps only every other signal is worked on.
     const bool got = ops_.get_isp_vd() == 0;
+    // A calibration measures a continuous run of frames on a lens whose counts it trusts: one
+    // that was stopped, re-homed or lost its frames is ended here, before anything else moves.
+    if (ops_.calibration_supervise != nullptr)
+        ops_.calibration_supervise(got ? 1 : 0);
     if (got && (get_half_rate() == 0 || st_.frame_toggle == 1)) {
         // 4. Frame interval, in 32-bit unsigned microseconds as the board computes it.
         timeval now{};

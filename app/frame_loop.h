@@ -33,6 +33,8 @@ struct FrameLoopOps {
     void (*snapshot_reference)();
     void (*publish_positions)();
     void (*auto_iris_step)();
+    // Told on every iteration whether frames arrive; ends calibrations that were interrupted.
+    void (*calibration_supervise)(uint8_t frames_arriving);
 };
 
 const FrameLoopOps& default_frame_loop_ops();

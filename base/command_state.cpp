@@ -1,6 +1,8 @@
 #include "base/command_state.h"
 
 #include <atomic>
+#include <cstring>
+#include <mutex>
 
 namespace {
 
@@ -15,6 +17,8 @@ struct CommandSettings {
     std::atomic<uint16_t> max_ezoom{0};
     std::atomic<uint8_t> window_preset{3};
     void (*ezoom_notifier)(uint16_t) = nullptr;
+    std::mutex status_lock;
+    char status_text[kStatusTextSize + 1] = {};  // always terminated
 };
 
 CommandSettings g_settings;
@@ -33,6 +37,25 @@ uint8_t command_calibration_mode() {
 }
 void command_set_calibration_mode(uint8_t mode) {
     g_settings.calibration_mode = mode;
+}
+
+void command_end_calibration(uint8_t mode) {
+    uint8_t expected = mode;
+    g_settings.calibration_mode.compare_exchange_strong(expected, 0);
+}
+
+void command_set_status_text(const char* text) {
+    std::lock_guard<std::mutex> lock(g_settings.status_lock);
+    std::memset(g_settings.status_text, 0, sizeof g_settings.status_text);
+    if (text != nullptr)
+        std::strncpy(g_settings.status_text, text, kStatusTextSize);
+}
+void command_copy_status_text(char* out) {
+    std::lock_guard<std::mutex> lock(g_settings.status_lock);
+    std::memcpy(out, g_settings.status_text, kStatusTextSize);
+}
+const char* command_status_text() {
+    return g_settings.status_text;
 }
 
 uint8_t command_autofocus_mode() {

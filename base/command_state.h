@@ -4,10 +4,12 @@
 //
 // The command channel's Message_Process thread is the writer of every field here (the frame loop
 // and the motion executor also end a motion and clear a focus-stop request; the motion executor
-// sets the electronic zoom it reaches). Each field is a single byte, halfword or word written by
-// one thread and read by the other without a lock, so the frame loop sees a command on its next
-// iteration. The record lives below the lens, tracking and autofocus modules so that they read it
-// without reaching up into the command processor, which calls down into all of them.
+// sets the electronic zoom it reaches; the calibrations end their own calibration mode and, with
+// the frame loop's Hall calibration, write their result into the status text). Each field but the
+// status text is a single byte, halfword or word written by one thread and read by the other
+// without a lock, so the frame loop sees a command on its next iteration. The record lives below
+// the lens, tracking and autofocus modules so that they read it without reaching up into the
+// command processor, which calls down into all of them.
 #pragma once
 
 #include <cstdint>
@@ -17,8 +19,15 @@ uint8_t command_zoom_motion_active();
 void command_set_zoom_motion_active(uint8_t on);
 
 // Calibration mode: 0 none, 1 curve calibration, 4 iris correction, 5 hall calibration, 6.
+inline constexpr uint8_t kCalibrationCurve = 1;
+inline constexpr uint8_t kCalibrationIris = 4;
+inline constexpr uint8_t kCalibrationHall = 5;
 uint8_t command_calibration_mode();
 void command_set_calibration_mode(uint8_t mode);
+// A calibration that has run to its end (or failed) sets the mode back to 0 with this, on the
+// main thread. Only its own mode is cleared: a command that has meanwhile asked for another
+// calibration (or stopped this one) keeps what it asked for.
+void command_end_calibration(uint8_t mode);
 
 // Autofocus mode (autofocus_en): 0 off, 1 continuous, 2 once and hold, 3 single search.
 uint8_t command_autofocus_mode();
@@ -31,6 +40,22 @@ void command_set_pt_moving(uint8_t on);
 uint8_t command_focus_stop_request();
 void command_set_focus_stop_request();
 void command_clear_focus_stop_request();
+
+// ---- Status text ----
+
+// The last calibration message for the control software ("Hall init done!\n", "Iris_Correction
+// Done!\n", ...), 128 bytes, zero-filled, answered by read request 10. The command channel owns
+// and reads it; the writers are the main thread's calibrations (the frame loop's Hall
+// calibration, curve calibration, iris correction). A lock keeps a reader from copying half of a
+// message that is being replaced.
+inline constexpr unsigned kStatusTextSize = 128;
+// Replaces the text: at most 128 bytes of `text` are copied, the rest zero-filled.
+void command_set_status_text(const char* text);
+// Copies the 128 bytes into out (the command channel's reply).
+void command_copy_status_text(char* out);
+// The text itself, always terminated. For the writer's own thread and tests: another thread may
+// replace it while it is read.
+const char* command_status_text();
 
 // ---- Electronic zoom ----
 

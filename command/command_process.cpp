@@ -77,7 +77,6 @@ struct CommandState {
     uint32_t day_night[3] = {0, 200, 40};
     uint8_t mode_record[3] = {20, 4, 27};
     std::atomic<uint8_t> error{1};
-    char status_text[129] = {};  // 128 bytes of text, always terminated
     int16_t rehome_focus = 0;
     int16_t rehome_zoom = 0;
     uint16_t roi[6] = {1080, 1920, 0, 0, 1920, 1080};
@@ -266,7 +265,7 @@ void handle_read(uint8_t* buf, size_t len, const sockaddr_in& from) {
             break;
         }
         case 10:
-            std::memcpy(buf + 2, g_cmd.status_text, 128);
+            command_copy_status_text(reinterpret_cast<char*>(buf + 2));
             send_to(buf, 130, from);
             break;
         case 13:
@@ -525,7 +524,9 @@ void handle_write(uint8_t* buf, size_t len) {
             g_cmd.calibration_command = p[0];
             switch (p[0]) {
                 case 1:
+                    // The form follows "CURVE_OFFSET =" of the offsets just loaded.
                     lens_load_offsets();
+                    curve_calibration_set_variant(offset_curve_form());
                     command_set_calibration_mode(kCalCurve);
                     break;
                 case 2:
@@ -797,14 +798,6 @@ void command_set_homing_error(uint8_t error) {
 }
 uint8_t command_homing_error() {
     return g_cmd.error;
-}
-
-void command_set_status_text(const char* text) {
-    std::memset(g_cmd.status_text, 0, sizeof g_cmd.status_text);
-    std::strncpy(g_cmd.status_text, text, 128);
-}
-const char* command_status_text() {
-    return g_cmd.status_text;
 }
 
 float command_angle_of_view(uint16_t z) {

@@ -46,9 +46,7 @@ uint8_t command_zone_type4();
 
 void command_set_homing_error(uint8_t error);
 uint8_t command_homing_error();
-// 128-byte status text (zero-filled, at most 128 bytes copied in).
-void command_set_status_text(const char* text);
-const char* command_status_text();
+// The 128-byte status text is in base/command_state.h (the calibrations write it too).
 
 // Angle of view in degrees at zoom position z (from the field-of-view table).
 float command_angle_of_view(uint16_t z);

@@ -1,5 +1,7 @@
 #include "lens_api/lens_driver.h"
 
+#include <atomic>
+
 #include "base/dbgout.h"
 #include "lens_api/gpio_pins.h"
 #include "lens_api/iris.h"
@@ -28,6 +30,9 @@ struct DriverState {
 };
 
 DriverState g_driver;
+
+// Counted when a homing starts: from then on the counts no longer mean what they meant.
+std::atomic<uint32_t> g_homings{0};
 
 // Per thread: moves run on the main thread, homing and iris drives also on the command thread,
 // and one thread's drop must not be charged to the other's move.
@@ -88,6 +93,7 @@ uint8_t lens_is_ms41908() {
 }
 
 uint8_t lens_motor_init() {
+    g_homings.fetch_add(1);
     const LensDriverOps& ops = lens_ops();
     ops.init_regs();
     ops.sensor_power_on();
@@ -96,8 +102,13 @@ uint8_t lens_motor_init() {
 }
 
 uint8_t lens_motor_rehome() {
+    g_homings.fetch_add(1);
     lens_ops().sensor_power_on();
     return home_both();
+}
+
+uint32_t lens_homing_count() {
+    return g_homings.load();
 }
 
 void lens_set_ops_for_testing(const LensDriverOps* ops) {

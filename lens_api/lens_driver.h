@@ -68,6 +68,10 @@ uint8_t lens_is_ms41908();
 uint8_t lens_motor_init();
 // The same without the chip set-up (re-homing on request).
 uint8_t lens_motor_rehome();
+// Homings started since start-up (lens_motor_init and lens_motor_rehome, on any thread). A
+// homing resets the position counts, so a calibration that sees this number change knows that
+// the positions it was measuring against are gone.
+uint32_t lens_homing_count();
 
 // Loads the calibration-offset file and applies it: motor backlash, and the LC898201's Hall
 // offset and bias and drive gains. A missing file changes nothing.

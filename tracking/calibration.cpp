@@ -1,25 +1,15 @@
 #include "tracking/calibration.h"
 
 #include "base/command_state.h"
+#include "tracking/calibration_run.h"
 
-namespace {
-volatile uint8_t g_calibrationVariant = 0;
+void calibration_supervise(uint8_t frames_arriving) {
+    const uint8_t mode = command_calibration_mode();
+    calibration_detail::curve_supervise(mode, frames_arriving);
+    calibration_detail::iris_supervise(mode, frames_arriving);
 }
 
-void curve_calibration_set_variant(uint8_t full) {
-    g_calibrationVariant = full;
-}
-uint8_t curve_calibration_get_variant() {
-    return g_calibrationVariant;
-}
-
-// Not built yet: a requested calibration ends at once instead of holding the loop in its mode.
-int curve_calibrate_step() {
-    command_set_calibration_mode(0);
-    return 0;
-}
-
-int iris_correct_step(uint8_t) {
-    command_set_calibration_mode(0);
-    return 2;
+void calibration_reset_for_testing() {
+    calibration_detail::curve_reset_for_testing();
+    calibration_detail::iris_reset_for_testing();
 }

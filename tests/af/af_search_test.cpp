@@ -94,6 +94,7 @@ const FrameLoopOps kOps = {
     SnapshotReference,
     h_nop,
     h_nop,
+    nullptr,  // no calibration runs in these searches
 };
 
 class AfSearchTest : public ::testing::Test {

@@ -37,6 +37,7 @@ struct Recorder {
     Counts n{};
     unsigned fetch_modes = 0;  // bit m: statistics fetched in mode m
     std::vector<std::pair<std::string, int32_t>> saved;
+    std::string events;  // "F" / "L": supervised with frames arriving / lost, "C" curve step
 };
 
 Recorder* g = nullptr;
@@ -57,7 +58,11 @@ const FrameLoopOps kFakeOps = {
     .stat_fetch = [](uint8_t mode) { g->fetch_modes |= 1u << mode; },
     .clear_latched_highlight = [] { tick(g->n.clear); },
     .arm_highlight_update = [] { tick(g->n.arm); },
-    .curve_calibrate_step = [] { return tick(g->n.curve); },
+    .curve_calibrate_step =
+        [] {
+            g->events += 'C';
+            return tick(g->n.curve);
+        },
     .iris_correct_step = [](uint8_t) { return tick(g->n.iris); },
     .hall_calibrate = [] { return tick(g->n.hall) + g->hall_result; },
     .hall_iris_offset = [] { return int32_t{17}; },
@@ -69,6 +74,7 @@ const FrameLoopOps kFakeOps = {
     .snapshot_reference = [] { tick(g->n.snapshot); },
     .publish_positions = [] { tick(g->n.publish); },
     .auto_iris_step = [] { tick(g->n.auto_iris); },
+    .calibration_supervise = [](uint8_t frames) { g->events += frames ? 'F' : 'L'; },
 };
 
 class FrameLoopTest : public ::testing::Test {
@@ -88,6 +94,7 @@ class FrameLoopTest : public ::testing::Test {
         rec_.n = {};
         rec_.fetch_modes = 0;
         rec_.tracking = 0;
+        rec_.events.reserve(1 << 14);  // a letter a frame must not allocate
         af_set_slow_divider(false);
         frame_pacing_reset_for_testing();  // also tracking off
         command_set_calibration_mode(0);
@@ -284,6 +291,28 @@ TEST_F(FrameLoopTest, HallCalibrationSavesOffsetsOnlyOnSuccessAndEndsTheMode) {
         EXPECT_STREQ(command_status_text(), failed ? "Hall init fail!\n" : "Hall init done!\n");
         EXPECT_EQ(rec_.saved, saved);
     }
+}
+
+// The calibrations hear on every frame signal whether frames arrive, before any step runs, so a
+// stopped or starved calibration is ended before it could move the lens again. A paused loop
+// does nothing at all.
+TEST_F(FrameLoopTest, CalibrationsAreSupervisedOnEverySignalBeforeTheirStep) {
+    FrameLoop loop = make_loop(1, 1);
+    command_set_calibration_mode(1);
+    run(loop, 3);  // warm-up, then two curve steps
+    EXPECT_EQ(rec_.events, "FFCFC");
+    rec_.events.clear();
+    rec_.vd_result = 1;  // the ISP link is gone
+    run(loop, 2);
+    EXPECT_EQ(rec_.events, "LL");
+    rec_.events.clear();
+    rec_.vd_result = 0;
+    set_loop_paused(1);
+    run(loop, 3);
+    EXPECT_EQ(rec_.events, "");
+    set_loop_paused(0);
+    run(loop, 1);
+    EXPECT_EQ(rec_.events, "FC");
 }
 
 TEST_F(FrameLoopTest, CycleCountRunsOneTo180AndTheAutoIrisStepsEverySixth) {

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cmath>
@@ -25,6 +26,7 @@
 #include "platform/ports.h"
 #include "store/lens_data.h"
 #include "tests/support/test_env.h"
+#include "tracking/calibration.h"
 #include "tracking/curves.h"
 #include "tracking/zoom_track.h"
 
@@ -410,6 +412,35 @@ TEST_F(CommandTest, IrisMoveIsAbsoluteOrRelativeToTheDrivenValue) {
 
 // Write 8 sets one entry of the lens parameter record and saves the record; an index past the
 // record sets nothing but still saves what the daemon holds.
+// Commands 1 to 3 start a curve calibration: 1 in the form the offset file names, 2 the full
+// form, 3 the reference-point form. The calibration's result is read back as the status text.
+TEST_F(CommandTest, CurveCalibrationFormAndStatusText) {
+    mkdir(root_.host("/data").c_str(), 0777);
+    const struct {
+        const char* offsets;
+        uint8_t command, form;
+    } cases[] = {
+        {"CURVE_OFFSET = 1\n", 1, 1},
+        {"CURVE_OFFSET = 0\n", 1, 0},
+        {"CURVE_OFFSET = 0\n", 2, 1},
+        {"CURVE_OFFSET = 1\n", 3, 0},
+    };
+    for (const auto& c : cases) {
+        std::ofstream(root_.host("/data/af_data.dat")) << c.offsets;
+        send({'w', 3, c.command, 0});
+        EXPECT_EQ(command_calibration_mode(), 1) << int(c.command);
+        EXPECT_EQ(curve_calibration_get_variant(), c.form) << int(c.command) << c.offsets;
+        command_set_calibration_mode(0);
+    }
+    command_set_status_text("Track curve stopped\n");
+    send({'r', 10});
+    const Bytes reply = receive(other_fd_);
+    ASSERT_EQ(reply.size(), 130u);
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(reply.data()) + 2),
+              "Track curve stopped\n");
+    command_set_status_text("");
+}
+
 TEST_F(CommandTest, LensParameterWriteAlwaysSavesTheRecord) {
     const std::string file = root_.host(kLensParamPath);
     for (const uint8_t index : {uint8_t{5}, uint8_t{100}, uint8_t{255}}) {
