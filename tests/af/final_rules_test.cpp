@@ -51,7 +51,7 @@ TEST_F(FinalReviewTest, ReviewsAtFifteenAndThirtyFramesJudgeTheSharpestSelectedW
         {14, 2, 10000, 0, 2, 0, false},  // beyond it only the count restarts
         {14, 1, 400, 1, 3, 15, false},   // 15, weak after a retry: larger step, count goes on
         {15, 1, 400, 0, 2, 16, false},   // 16: no review
-        {29, 1, 401, 0, 3, 0, false},    // 30, strong
+        {29, 1, 401, 1, 3, 0, false},    // 30, strong after a retry
         {29, 1, 400, 1, 2, 0, true},     // 30, weak after a retry: a new search
         {29, 1, 400, 0, 3, 0, false},    // 30, weak, first time: larger step
         {30, 1, 400, 0, 3, 0, false},    // 31

@@ -166,15 +166,12 @@ TEST_F(IrisLc, LoopSettlesAfterTenAdjustmentsBackInBand) {
     EXPECT_EQ(drives().size(), 1u) << "idle again, so a new dark scene re-arms the loop";
 }
 
-TEST_F(IrisLc, FixedModeAndZoomMotionHoldTheLoop) {
+TEST_F(IrisLc, FixedModeHoldsTheLoop) {
     start(1000, 100);
     iris_set_mode(0);
     adjustments(5);
-    iris_set_mode(1);
-    command_set_zoom_motion_active(1);
-    adjustments(5);
     EXPECT_TRUE(drives().empty());
-    command_set_zoom_motion_active(0);
+    iris_set_mode(1);
     adjustments(2);
     EXPECT_FALSE(drives().empty());
 }
