@@ -51,7 +51,7 @@ TEST_F(FinalReviewTest, ReviewsAtFifteenAndThirtyFramesJudgeTheSharpestSelectedW
         {14, 2, 10000, 0, 2, 0, false},  // beyond it only the count restarts
         {14, 1, 400, 1, 3, 15, false},   // 15, weak after a retry: larger step, count goes on
         {15, 1, 400, 0, 2, 16, false},   // 16: no review
-        {29, 1, 401, 0, 3, 0, false},    // 30, strong
+        {29, 1, 401, 1, 3, 0, false},    // 30, strong after a retry
         {29, 1, 400, 1, 2, 0, true},     // 30, weak after a retry: a new search
         {29, 1, 400, 0, 3, 0, false},    // 30, weak, first time: larger step
         {30, 1, 400, 0, 3, 0, false},    // 31
@@ -72,18 +72,9 @@ TEST_F(FinalReviewTest, ReviewsAtFifteenAndThirtyFramesJudgeTheSharpestSelectedW
         EXPECT_EQ(g_final.finalFalls, c.new_search ? 0 : 3);
         EXPECT_EQ(g_fine.lowContrastRetry, c.count_before == 14 && c.new_search ? 1 : c.retry)
             << "only a first weak review at 15 marks the retry";
-        if (!c.new_search) {
-            EXPECT_EQ(lens_get_focus_pos(), 4000 + c.step_after) << "the move uses the new step";
-        }
+        EXPECT_EQ(lens_get_focus_pos(), 4000 + c.step_after)
+            << "the move uses the new step, also when a new search starts";
     }
-}
-
-TEST_F(FinalReviewTest, AReviewThatStartsANewSearchStillMakesThisFramesMove) {
-    g_zoneType = 1;
-    g_final.finalStep = 2;
-    frame(14);
-    ASSERT_EQ(g_afState, 0);
-    EXPECT_EQ(lens_get_focus_pos(), 4002);
 }
 
 // The first search phase at a fresh start (after a zoom or a pan/tilt move), from the ISP's window
@@ -118,11 +109,7 @@ TEST_F(StartPhaseTest, FromZoom1500ASharpWindowOrTwoAboveTheTableGoStraightToThe
     // The table steps at zoom 1536 from 100 to 200.
     EXPECT_FALSE(coarse(1535, {6, 7}, {{6, 501}}));
     EXPECT_TRUE(coarse(1536, {6, 7}, {{6, 501}}));
-}
-
-TEST_F(StartPhaseTest, HalfOfThreeWindowsIsOne) {
-    set_low_light(true);
-    EXPECT_FALSE(coarse(2048, {6, 7, 8}, {{6, 701}}));
+    EXPECT_FALSE(coarse(2048, {6, 7, 8}, {{6, 701}})) << "half of three windows is one";
 }
 
 TEST_F(StartPhaseTest, Between1000And1500FourCountingWindowsOrAllOfThemGoToTheFineScan) {
