@@ -187,6 +187,19 @@ TEST_F(RestartRulesTest, FineScanToleranceComesBackAtRestartsNotOnFocusedFrames)
     g_refocusRequest = 1;
     frame();
     EXPECT_EQ(g_fine.fineGain, 9) << "a restart gives it back";
+
+    // The pan/tilt restarts: while the head moves, and on the frame after it stopped.
+    g_fine.fineGain = 5;
+    command_set_pt_moving(1);
+    frame();
+    frame();
+    command_set_pt_moving(0);
+    EXPECT_EQ(g_fine.fineGain, 9) << "the head moved";
+    g_afState = 1;
+    g_search.ptHold = 4;  // the head stopped a frame ago
+    g_fine.fineGain = 5;
+    frame();
+    EXPECT_EQ(g_fine.fineGain, 9) << "the head stopped";
 }
 
 TEST_F(RestartRulesTest, RestartForgetsTheZoomTrackingSetUp) {
