@@ -12,6 +12,14 @@ struct LensUnit {
     double base_offset = 0.0;       // whole base curve shifted (assembly tolerance, temperature)
     double base_tele_offset = 0.0;  // extra shift growing linearly from 0 at wide to this at tele
     double distance_scale = 1.0;    // scales every distance offset (focus sensitivity tolerance)
+    // Play of the gear trains (steps): the carriage follows the motor only once the slack is
+    // taken up. Applied to the lens hardware emulation; VCAM_HW settings override them.
+    double zoom_backlash = 0.0;
+    double focus_backlash = 0.0;
+    // Iris blades: the nominal iris passes (opening / fully open)^2 of the light; a unit whose
+    // blades or aperture differ passes (opening / fully open)^iris_exponent x iris_transmission.
+    double iris_exponent = 2.0;
+    double iris_transmission = 1.0;
 };
 
 inline constexpr double kZoomMax = 6624.0;

@@ -64,6 +64,9 @@ void start_lens_hardware(vcam::LensMechanics& mech, const vcam::Scenario& scenar
         return;
     vcam::hw::HwConfig cfg;
     std::string err;
+    // The unit's gear play from the scenario; VCAM_HW may override it.
+    cfg.lc.zoom_backlash = cfg.ms.zoom_backlash = scenario.lens.unit.zoom_backlash;
+    cfg.lc.focus_backlash = cfg.ms.focus_backlash = scenario.lens.unit.focus_backlash;
     const char* list = std::getenv("VCAM_HW");
     if (list != nullptr && !vcam::hw::hw_config_parse_list(cfg, list, &err)) {
         std::fprintf(stderr, "vcam: VCAM_HW: %s\n", err.c_str());

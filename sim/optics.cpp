@@ -77,7 +77,7 @@ struct Band {
 
 double iris_transmission(const LensSpec& lens, double iris) {
     const double r = std::clamp(iris / lens.iris_open, 0.0, 1.0);
-    return r * r;
+    return lens.unit.iris_transmission * std::pow(r, lens.unit.iris_exponent);
 }
 
 double v_peak_width(const OpticsSpec& o, double zoom, double transmission) {

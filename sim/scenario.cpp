@@ -203,10 +203,15 @@ bool read_lens(Reader& r, const YAML::Node& n, LensSpec* lens) {
     r.num(n, p, "iris", &lens->iris, 0, 1e6);
     if (const YAML::Node u = n["unit"]) {
         const std::string pu = "lens.unit";
-        if (r.map(u, pu, {"base_offset", "base_tele_offset", "distance_scale"})) {
+        if (r.map(u, pu, {"base_offset", "base_tele_offset", "distance_scale", "zoom_backlash",
+                          "focus_backlash", "iris_exponent", "iris_transmission"})) {
             r.num(u, pu, "base_offset", &lens->unit.base_offset, -3000, 3000);
             r.num(u, pu, "base_tele_offset", &lens->unit.base_tele_offset, -3000, 3000);
             r.num(u, pu, "distance_scale", &lens->unit.distance_scale, 0.1, 10);
+            r.num(u, pu, "zoom_backlash", &lens->unit.zoom_backlash, 0, 200);
+            r.num(u, pu, "focus_backlash", &lens->unit.focus_backlash, 0, 200);
+            r.num(u, pu, "iris_exponent", &lens->unit.iris_exponent, 0.5, 6);
+            r.num(u, pu, "iris_transmission", &lens->unit.iris_transmission, 0.05, 1);
         }
     }
     if (const YAML::Node s = n["sweep"]) {

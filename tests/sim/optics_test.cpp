@@ -105,6 +105,17 @@ TEST(RendererSharpness, PeaksAtTrueFocusWithWidthsTheSearchNeeds) {
     EXPECT_GT(kept(400), kept(1023) + 0.1);
 }
 
+// A unit's iris that passes less light than the nominal one: what iris correction measures.
+TEST(RendererLuma, IrisOfTheUnitScalesTheLightItPasses) {
+    vcam::Scenario sc = chart();
+    const double nominal = vcam::iris_transmission(sc.lens, 512);
+    EXPECT_NEAR(nominal, (512.0 / 1023) * (512.0 / 1023), 1e-9);
+    sc.lens.unit.iris_exponent = 3.0;
+    sc.lens.unit.iris_transmission = 0.8;
+    EXPECT_NEAR(vcam::iris_transmission(sc.lens, 512), 0.8 * std::pow(512.0 / 1023, 3), 1e-9);
+    EXPECT_NEAR(vcam::iris_transmission(sc.lens, 1023), 0.8, 1e-9);
+}
+
 TEST(RendererSharpness, TwoDepthsInOneBlockGiveTwoPeaks) {
     // The centre block spans x 0.467..0.533: the near chart covers its left half.
     const vcam::Scenario sc = simtest::scenario_from(R"(
