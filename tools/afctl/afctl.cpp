@@ -24,6 +24,7 @@
 #include "data/command_wire.h"
 #include "platform/paths.h"
 #include "platform/ports.h"
+#include "tools/afctl/calib_report.h"
 
 namespace {
 
@@ -34,27 +35,28 @@ struct Options {
 };
 
 int usage() {
-    std::fprintf(stderr,
-                 "usage: afctl [--json] [--timeout MS] COMMAND [ARGS]\n"
-                 "  status                      positions, modes, calibration, iris, error\n"
-                 "  positions                   zoom/focus position record\n"
-                 "  zoom --to N [--speed 0-8] [--blind]   zoom to a position (tracked)\n"
-                 "  zoom --to N --focus F [--speed 0-8]   zoom, then focus to F (a preset)\n"
-                 "  zoom --in|--out [--speed 0-8] [--blind]\n"
-                 "  zoom --stop                 stop any motion\n"
-                 "  focus --to N [--speed 0-7]  focus to a position (autofocus off)\n"
-                 "  focus --near|--far [--speed 0-7]\n"
-                 "  focus --stop                focus-stop request\n"
-                 "  af --mode off|continuous|once|one-shot\n"
-                 "  iris --auto | --step 0-12 | --set VALUE | --move DELTA\n"
-                 "  zone --type 1-4 | region --preset 0-3\n"
-                 "  range --near 0-11 --far 0-11 | range --default\n"
-                 "  calib curve|curve-full|curve-ref|iris|hall\n"
-                 "  reset | rehome | pause | resume | pt-move | pt-stop\n"
-                 "  ezoom --enable|--disable | assist --on|--off | sensor N\n"
-                 "  param INDEX VALUE | roi X Y W H | fov | text | error | daynight\n"
-                 "  watch [--seconds N]         print reports as they arrive\n"
-                 "environment: AFD_CMD_PORT, AFD_REPLY_PORT, AFD_ROOT (see the README)\n");
+    std::fprintf(
+        stderr,
+        "usage: afctl [--json] [--timeout MS] COMMAND [ARGS]\n"
+        "  status                      positions, modes, calibration, iris, error\n"
+        "  positions                   zoom/focus position record\n"
+        "  zoom --to N [--speed 0-8] [--blind]   zoom to a position (tracked)\n"
+        "  zoom --to N --focus F [--speed 0-8]   zoom, then focus to F (a preset)\n"
+        "  zoom --in|--out [--speed 0-8] [--blind]\n"
+        "  zoom --stop                 stop any motion\n"
+        "  focus --to N [--speed 0-7]  focus to a position (autofocus off)\n"
+        "  focus --near|--far [--speed 0-7]\n"
+        "  focus --stop                focus-stop request\n"
+        "  af --mode off|continuous|once|one-shot\n"
+        "  iris --auto | --step 0-12 | --set VALUE | --move DELTA\n"
+        "  zone --type 1-4 | region --preset 0-3\n"
+        "  range --near 0-11 --far 0-11 | range --default\n"
+        "  calib curve|curve-full|curve-ref|iris|hall [--wait]   (--wait: progress, result)\n"
+        "  reset | rehome | pause | resume | pt-move | pt-stop\n"
+        "  ezoom --enable|--disable | assist --on|--off | sensor N\n"
+        "  param INDEX VALUE | roi X Y W H | fov | text | error | daynight\n"
+        "  watch [--seconds N]         print reports as they arrive\n"
+        "environment: AFD_CMD_PORT, AFD_REPLY_PORT, AFD_ROOT (see the README)\n");
     return 2;
 }
 
@@ -248,9 +250,11 @@ int cmd_status(const Options& o) {
             ",\"motion\":{\"mode\":%u,\"moving\":%u,\"zoom_target\":%u,\"focus_target\":%u},"
             "\"autofocus\":\"%s\",\"zone_type\":%u,\"region\":%u,\"calibration\":{\"command\":%u,"
             "\"mode\":%u},\"iris\":{\"auto\":%u,\"step\":%u},\"homing_error\":%u,"
-            "\"ezoom_enable\":%u}\n",
+            "\"ezoom_enable\":%u,\"calibration_data\":",
             m.mode, m.move, m.zoom_target, m.focus_target, af_mode_name(m.autofocus_mode),
             m.zone_type, m.region, r[20], r[21], r[22], r[23], error, afdata::get_u16(&r[56]));
+        print_calibration_files(true);
+        std::printf("}\n");
         return 0;
     }
     print_positions(live, false, "");
@@ -262,6 +266,7 @@ int cmd_status(const Options& o) {
     std::printf("iris: %s, step %u\n", r[22] ? "auto" : "fixed", r[23]);
     static const char* kHoming[] = {"?", "ok", "zoom failed", "focus failed", "both failed"};
     std::printf("homing: %s\n", kHoming[error <= 4 ? error : 0]);
+    print_calibration_files(false);
 
     // What the daemon publishes every frame.
     platform::Path shm("/dev/sm_af_zoom_focus_value");
@@ -396,17 +401,77 @@ int cmd_iris(const Options& o) {
     return 2;
 }
 
+// Follows a calibration the daemon runs until its calibration mode falls back to 0: progress as
+// the lens moves (the curve calibration sweeps the zoom from wide to tele), then the result: the
+// daemon's status text and the calibration values, saved or not.
+int wait_calibration(const Options& o, uint8_t kind) {
+    using clock = std::chrono::steady_clock;
+    const auto t0 = clock::now();
+    bool seen_running = false;
+    int last_shown = -1;
+    for (;;) {
+        const std::vector<uint8_t> r = read_request(o, 3, 4);
+        if (r.empty())
+            return no_answer(3);
+        const double secs = std::chrono::duration<double>(clock::now() - t0).count();
+        if (r[3] != 0) {
+            seen_running = true;
+        } else if (seen_running || secs > 3.0) {
+            break;
+        }
+        if (secs > 3600.0) {
+            std::fprintf(stderr, "afctl calib: still running after an hour; stopped waiting\n");
+            return 1;
+        }
+        const std::vector<uint8_t> p = read_request(o, 1, 18);
+        if (!p.empty() && r[3] != 0 && !o.json) {
+            const afdata::PositionRecord pos = afdata::position_record_decode(p.data() + 2);
+            const int shown = kind <= 3 && pos.max_zoom > 0 ? pos.zoom * 20 / pos.max_zoom
+                                                            : static_cast<int>(secs / 5);
+            if (shown != last_shown) {
+                if (kind <= 3)
+                    std::printf("curve calibration: zoom %u of %u, focus %u (%.0f s)\n", pos.zoom,
+                                pos.max_zoom, pos.focus, secs);
+                else
+                    std::printf("calibration mode %u running (%.0f s)\n", r[3], secs);
+                std::fflush(stdout);
+                last_shown = shown;
+            }
+        }
+        usleep(500000);
+    }
+    const std::vector<uint8_t> t = read_request(o, 10, 130, nullptr, 0, true);
+    std::string text =
+        t.empty() ? "" : std::string(reinterpret_cast<const char*>(t.data() + 2), 128);
+    text = text.c_str();
+    while (!text.empty() && (text.back() == '\n' || text.back() == '\r'))
+        text.pop_back();
+    if (o.json) {
+        std::printf("{\"finished\":true,\"status_text\":\"%s\",\"calibration_data\":",
+                    text.c_str());
+        print_calibration_files(true);
+        std::printf("}\n");
+        return 0;
+    }
+    std::printf("calibration ended%s%s\n", text.empty() ? "" : ": ", text.c_str());
+    print_calibration_files(false);
+    return 0;
+}
+
 int cmd_calib(const Options& o) {
     static const char* kKinds[] = {"", "curve", "curve-full", "curve-ref", "iris", "hall"};
     if (o.args.size() >= 2) {
         for (uint8_t k = 1; k <= 5; ++k) {
             if (o.args[1] == kKinds[k]) {
                 uint8_t d[4] = {'w', 3, k, 0};
-                return send_write(d, 4);
+                const int rc = send_write(d, 4);
+                if (rc != 0 || !has(o, "--wait"))
+                    return rc;
+                return wait_calibration(o, k);
             }
         }
     }
-    std::fprintf(stderr, "afctl calib: curve|curve-full|curve-ref|iris|hall\n");
+    std::fprintf(stderr, "afctl calib: curve|curve-full|curve-ref|iris|hall [--wait]\n");
     return 2;
 }
 
