@@ -10,6 +10,7 @@
 #include <cstdint>
 
 #include "isp/af_stat.h"
+#include "scene/scene_types.h"
 
 // Object event codes.
 inline constexpr uint32_t kObjectIn = 0;
@@ -33,6 +34,8 @@ struct SceneResult {
     uint8_t region[kGridBlocks] = {};   // blocks autofocus should focus on
     uint8_t changed[kGridBlocks] = {};  // blocks found changed against the reference
     uint32_t sharpnessMeans[4] = {};    // reference centre, current centre, reference whole, current whole
+    ComponentSet components;  // the newest accepted motion components (object map, centroid)
+    TrackedObject target;     // the object the report is about
 };
 
 extern SceneResult g_sceneResult;
@@ -94,3 +97,6 @@ uint32_t scene_step(SceneResult& result, const SceneInput& in);
 uint32_t reference_sharpness_check(const FocusReference& ref);
 // Back to the power-on state (tests).
 void scene_reset();
+// Largest relative sharpness spread the transient-change check has seen since the capture (the
+// focused watch reads it).
+float scene_sharpness_drop_max();
