@@ -1,0 +1,264 @@
+// The reference capture and the per-frame decision on synthetic grid sequences, with the
+// platform's virtual clock standing in for time.
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "scene/scene_decision.h"
+#include "tests/scene/scene_fixture.h"
+#include "tests/support/alloc_counter.h"
+
+namespace {
+
+using scenetest::flat;
+using scenetest::paint;
+using scenetest::U32Grid;
+
+class SceneDecision : public scenetest::SceneFixture {
+  protected:
+    static SceneAnalyzer& a() { return g_sceneAnalyzer; }
+    uint32_t step(const U32Grid& sharp, const U32Grid& luma) {
+        const SceneInput in = input(sharp, luma);
+        return scene_step(result_, in);
+    }
+    SceneResult result_;
+};
+
+TEST_F(SceneDecision, CaptureDerivesTheRefreshIntervalAndTheSubjectCells) {
+    capture_reference(reference(1500, 1000, 500));
+    EXPECT_EQ(a().refreshInterval, 10) << "no window above 500: a dull picture";
+    FocusReference ref = reference(1500, 1000, 500);
+    ref.windowValues[24] = 501;
+    capture_reference(ref);
+    EXPECT_EQ(a().refreshInterval, 20);
+    EXPECT_EQ(a().subjectCells.n, 25) << "the 3 x 3 subject widened by one block";
+    EXPECT_EQ(a().subjectCentred, 0) << "column 9 lies outside the centred columns 4-8";
+    std::fill(std::begin(ref.blockMask), std::end(ref.blockMask), 0);
+    ref.blockMask[6 * 15 + 6] = 1;
+    capture_reference(ref);
+    EXPECT_EQ(a().subjectCentred, 1);
+
+    std::fill(std::begin(ref.blockMask), std::end(ref.blockMask), 0);
+    capture_reference(ref);
+    ASSERT_EQ(a().subjectCells.n, 16) << "no subject: the default cells";
+    EXPECT_EQ(a().subjectCells.rc[0][0], 2);
+    EXPECT_EQ(a().subjectCells.rc[15][1], 7);
+    EXPECT_EQ(a().subjectCentred, 0);
+    // Sharpness mean 1500: limits of the 2000 row; the default subject lies outside the AF
+    // window, so its limits are tightened.
+    EXPECT_FLOAT_EQ(a().adaptive[0].value, 0.12f);
+    EXPECT_FLOAT_EQ(a().adaptive[2].value, 0.12f * 0.8f);
+    EXPECT_FLOAT_EQ(a().adaptive[3].value, 0.12f * 0.8f);
+    EXPECT_EQ(a().params.historyLength, 8);
+}
+
+TEST_F(SceneDecision, FirstFourFramesOnlyFillTheHistories) {
+    capture_reference(reference(1500, 1000));
+    const U32Grid wild = flat(6000), dark = flat(100);
+    for (int i = 0; i < 4; ++i)
+        EXPECT_EQ(step(wild, dark), kSceneNothing) << "frame " << i + 1;
+    EXPECT_EQ(step(wild, dark), kSceneRefocus) << "the fifth frame judges the change";
+}
+
+TEST_F(SceneDecision, FramesEqualToTheReferenceChangeNothing) {
+    capture_reference(reference(1500, 1000));
+    for (int i = 0; i < 12; ++i)
+        EXPECT_EQ(step(flat(1500), flat(1000)), kSceneNothing);
+    EXPECT_FLOAT_EQ(change_ratio(a()), 0.0f);
+    EXPECT_EQ(a().detector.objectCount, 0);
+    for (uint8_t v : result_.changed)
+        ASSERT_EQ(v, 0);
+}
+
+TEST_F(SceneDecision, RefreshesBackOffWhileTheLensStaysPut) {
+    FocusReference ref = reference(1500, 1000);
+    capture_reference(ref);
+    std::vector<int> refreshes;
+    for (int t = 0; t <= 170; ++t) {
+        const uint32_t d = step(flat(1500), flat(1000));
+        if (d != kSceneNothing) {
+            EXPECT_EQ(d, kSceneReport);
+            EXPECT_EQ(result_.event, kObjectNon);
+            EXPECT_EQ(g_sceneContext.refreshReport, 1);
+            refreshes.push_back(t);
+        } else {
+            EXPECT_EQ(g_sceneContext.refreshReport, 0);
+        }
+        advance_seconds(1);
+    }
+    // The first refresh finds the lens away from where the last one left it (power-on) and
+    // comes after one interval; from then on the wait doubles.
+    EXPECT_EQ(refreshes, (std::vector<int>{20, 40, 80, 160}));
+
+    // After two captures at the end of finished searches the timer no longer fires.
+    g_sceneContext.searchPhase = 9;
+    capture_reference(ref);
+    capture_reference(ref);
+    for (int t = 0; t <= 30; ++t, advance_seconds(1))
+        ASSERT_EQ(step(flat(1500), flat(1000)), kSceneNothing) << t;
+}
+
+TEST_F(SceneDecision, RefreshWaitsForTheIntervalAfterTheLensMoved) {
+    a().refreshInterval = 20;
+    a().refreshFocus = 2400;
+    EXPECT_EQ(refresh_due(a(), 39), 0);
+    EXPECT_EQ(refresh_due(a(), 40), 1);
+    lens_set_positions(500, 2405);
+    EXPECT_EQ(refresh_due(a(), 19), 0);
+    EXPECT_EQ(refresh_due(a(), 20), 1);
+    EXPECT_EQ(a().refreshFocus, 2405);
+    EXPECT_EQ(refresh_due(a(), 20), 0) << "the back-off (1) is kept: next at 80 s";
+    EXPECT_EQ(refresh_due(a(), 80), 1);
+}
+
+TEST_F(SceneDecision, ALastingChangeAdaptsTheThresholdsUntilItIsReported) {
+    capture_reference(reference(1500, 1000));
+    const U32Grid sharper = flat(3000), luma = flat(1000);
+    for (int i = 0; i < 4; ++i)
+        step(sharper, luma);
+    // Each refocus answer marks the frame busy; the thresholds follow the busy share rho of
+    // the eight-frame ring as it was before the frame.
+    for (int i = 0; i < 4; ++i)
+        ASSERT_EQ(step(sharper, luma), kSceneRefocus);
+    ASSERT_EQ(step(sharper, luma), kSceneRefocus);  // rho = 4/8
+    EXPECT_FLOAT_EQ(a().trigger[0], 2.0f);
+    EXPECT_FLOAT_EQ(a().trigger[1], 0.225f);
+    EXPECT_FLOAT_EQ(a().trigger[2], 0.3375f);
+    // The ring fills, the scene counts as busy, and once the long history shows the changed
+    // picture holding still it is reported with its region.
+    uint32_t d = kSceneRefocus;
+    int frames = 0;
+    while (d == kSceneRefocus && frames < 20) {
+        d = step(sharper, luma);
+        ++frames;
+    }
+    EXPECT_EQ(d, kSceneReport);
+    EXPECT_EQ(frames, 6) << "busy for four frames first";
+    EXPECT_EQ(result_.busy, 1);
+    EXPECT_EQ(result_.pending, 1) << "the whole picture changed";
+    EXPECT_EQ(result_.event, kObjectShake) << "no target path to judge";
+
+    // A quiet frame puts the thresholds and the ring back at rest.
+    EXPECT_EQ(step(flat(1500), luma), kSceneNothing);
+    EXPECT_FLOAT_EQ(a().trigger[0], 2.0f);
+    EXPECT_FLOAT_EQ(a().trigger[1], 0.1f);
+    EXPECT_FLOAT_EQ(change_ratio(a()), 0.0f);
+}
+
+TEST_F(SceneDecision, AReportOffTheMiddleIsNotConfirmed) {
+    capture_reference(reference(1500, 1000));
+    U32Grid left = flat(1500);
+    paint(left, 4, 11, 4, 7, 3000u);  // the left half of the AF window only
+    uint32_t d = kSceneNothing;
+    for (int i = 0; i < 30 && d != kSceneReport; ++i)
+        d = step(left, flat(1000));
+    ASSERT_EQ(d, kSceneReport);
+    EXPECT_EQ(result_.pending, 0) << "3 blocks in the centre rows 6-8 x columns 7-9";
+}
+
+TEST_F(SceneDecision, SharpnessDropModes) {
+    capture_reference(reference(1000, 1000));
+    U32Grid blurred = flat(1000);
+    paint(blurred, 4, 10, 6, 9, 600u);
+    for (int i = 0; i < 5; ++i)
+        step(blurred, flat(1000));
+    EXPECT_EQ(a().dropMode, 1) << "the centre fell by 40 %";
+    EXPECT_EQ(a().params.historyLength, 4);
+    EXPECT_EQ(result_.sharpnessMeans[0], 1000u);
+    EXPECT_EQ(result_.sharpnessMeans[1], 600u);
+    EXPECT_EQ(result_.sharpnessMeans[3], (168u * 1000 + 28 * 600) / 196);
+
+    capture_reference(reference(1000, 1000));
+    paint(blurred, 4, 10, 6, 9, 800u);  // 20 %: within the 30 % allowed at this level
+    for (int i = 0; i < 5; ++i)
+        step(blurred, flat(1000));
+    EXPECT_EQ(a().dropMode, 2);
+    EXPECT_EQ(a().params.historyLength, 6);
+}
+
+TEST_F(SceneDecision, LongQuietSpellsSharpenTheChangeTests) {
+    capture_reference(reference(1500, 1000));
+    for (int i = 0; i < 4 + 20; ++i)
+        step(flat(1500), flat(1000));
+    EXPECT_FLOAT_EQ(a().adaptive[0].value, 0.12f) << "19 quiet frames: unchanged";
+    step(flat(1500), flat(1000));
+    EXPECT_FLOAT_EQ(a().adaptive[0].value, 0.12f / 1.01f);
+    for (int i = 0; i < 700; ++i)
+        step(flat(1500), flat(1000));
+    EXPECT_FLOAT_EQ(a().adaptive[0].value, 0.09f) << "held at its minimum";
+    EXPECT_FLOAT_EQ(a().adaptive[1].value, 0.1f / 1.36f) << "720 quiet frames: 36 steps";
+}
+
+TEST_F(SceneDecision, ChangedBlocksBySharpnessAndConfirmedBrightness) {
+    capture_reference(reference(1500, 1000));
+    U32Grid sharp = flat(1500), luma = flat(1000);
+    sharp[0] = 1800;                  // 0.167 > 0.11
+    sharp[1] = 1600;                  // 0.0625: too small
+    paint(luma, 10, 12, 10, 12, 1300u);  // a 3 x 3 patch holds against its neighbours
+    luma[2 * 15 + 2] = 1500;          // a single bright block does not
+    const SceneInput in = input(sharp, luma);
+    CellList cells;
+    changed_blocks(a(), in, cells);
+    ASSERT_GE(cells.n, 1);
+    EXPECT_EQ(cells.rc[0][0], 0);
+    EXPECT_EQ(cells.rc[0][1], 0);
+    bool single = false, patchCentre = false, second = false;
+    for (int i = 0; i < cells.n; ++i) {
+        const int r = cells.rc[i][0], c = cells.rc[i][1];
+        single = single || (r == 2 && c == 2);
+        patchCentre = patchCentre || (r == 11 && c == 11);
+        second = second || (r == 0 && c == 1);
+    }
+    EXPECT_FALSE(single);
+    EXPECT_TRUE(patchCentre);
+    EXPECT_FALSE(second);
+
+    // Dull blocks: below 700 on both sides nothing counts, however large the ratio.
+    capture_reference(reference(300, 1000));
+    changed_blocks(a(), input(flat(650), flat(1000)), cells);
+    EXPECT_EQ(cells.n, 0);
+}
+
+TEST_F(SceneDecision, ReferenceSharpnessCheckLooksForASharperPeakNearby) {
+    FocusReference ref = reference(1000, 1000);
+    capture_reference(ref);
+    auto record = [](uint16_t pos, uint32_t v) {
+        const U32Grid g = flat(v);
+        fh_record_sample(g.data(), g.data(), pos);
+    };
+    g_sceneContext.trackingOn = 1;
+    EXPECT_EQ(reference_sharpness_check(ref), kSceneRefocus) << "no samples, tracking on";
+    g_sceneContext.trackingOn = 0;
+    EXPECT_EQ(reference_sharpness_check(ref), kSceneReport) << "no samples";
+
+    for (int p = 2350; p <= 2450; p += 10)
+        record(static_cast<uint16_t>(p), p == 2400 ? 1100 : 1000 - std::abs(p - 2400));
+    EXPECT_EQ(reference_sharpness_check(ref), kSceneRefocus) << "the peak is where we stand";
+
+    record(2350, 1300);  // 30 % sharper, 50 steps away
+    EXPECT_EQ(reference_sharpness_check(ref), kSceneReport);
+    record(2350, 950);
+    record(2340, 1150);  // not sharper by enough to move, and outside the near neighbourhood
+    EXPECT_EQ(reference_sharpness_check(ref), kSceneRefocus);
+
+    fh_reset_for_search();
+    for (int p = 2340; p <= 2460; p += 10)
+        record(static_cast<uint16_t>(p), 1100 - (p - 2340));  // still rising downwards
+    EXPECT_EQ(reference_sharpness_check(ref), kSceneReport);
+
+    g_sceneContext.lastSearchNoPeak = 1;
+    EXPECT_EQ(reference_sharpness_check(ref), kSceneRefocus);
+}
+
+TEST_F(SceneDecision, PerFrameStepDoesNotAllocate) {
+    capture_reference(reference(1500, 1000));
+    U32Grid luma = flat(1000);
+    const uint64_t before = testsupport::allocation_count();
+    for (int i = 0; i < 30; ++i) {
+        paint(luma, 4, 8, 0, i % 10, 1300u);
+        step(flat(1500 + 50 * (i % 3)), luma);
+    }
+    EXPECT_EQ(testsupport::allocation_count(), before);
+}
+
+}  // namespace
