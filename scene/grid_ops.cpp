@@ -108,8 +108,8 @@ uint8_t stable_pair(const uint32_t* a, const uint32_t* b, uint32_t n) {
         return 0;
     float s = 0.0f;
     for (uint32_t i = 0; i < n; ++i) {
-        const float d = a[i] > b[i] ? static_cast<float>(a[i] - b[i])
-                                    : static_cast<float>(b[i] - a[i]);
+        const float d =
+            a[i] > b[i] ? static_cast<float>(a[i] - b[i]) : static_cast<float>(b[i] - a[i]);
         s += d / static_cast<float>(b[i]);
     }
     return s / static_cast<float>(n) < 0.04f ? 1 : 0;

@@ -20,8 +20,8 @@ struct Run {
     int32_t label = 0;  // 0 not reached, -1 on the stack, >= 1 final label
 };
 
-inline constexpr int kRunRows = 16;     // one more than the grid height
-inline constexpr int kRunsPerRow = 8;   // a row of 15 holds at most 8 runs
+inline constexpr int kRunRows = 16;    // one more than the grid height
+inline constexpr int kRunsPerRow = 8;  // a row of 15 holds at most 8 runs
 inline constexpr int kRunStackSize = 256;
 
 // Stack of run references. Every run is pushed at most once per labelling (it is marked -1 when

@@ -13,7 +13,7 @@
 
 namespace {
 
-constexpr float kChangeLimit = 0.08f;   // a block changed by 8 % or more moved
+constexpr float kChangeLimit = 0.08f;    // a block changed by 8 % or more moved
 constexpr uint32_t kMinMaskBlocks = 15;  // fewer changed blocks: noise, not an object
 constexpr uint32_t kMinObjectCells = 15;
 constexpr uint32_t kMinOverlap = 3;
@@ -181,8 +181,7 @@ uint32_t process_frame(SceneAnalyzer& a, const uint32_t* s, const uint32_t* y) {
         const float shift = relative_change_mode(y0, a.refLuma);
         for (int i = 0; i < kGridBlocks; ++i) {
             const int32_t diff = static_cast<int32_t>(a.refLuma[i] - y0[i]);
-            const double v =
-                static_cast<double>(diff) / (static_cast<double>(y0[i]) + 1.0) - shift;
+            const double v = static_cast<double>(diff) / (static_cast<double>(y0[i]) + 1.0) - shift;
             set.gapFill[i] = static_cast<float>(std::fabs(v));
         }
     }
@@ -485,7 +484,8 @@ void match_objects(SceneAnalyzer& a, ComponentSet& set) {
         }
         for (int r = rmin; r < rmax; ++r)
             for (int c = cmin; c < cmax; ++c)
-                if (joined[r * kGridCols + c] == 0 && set.gapFill[r * kGridCols + c] >= kChangeLimit)
+                if (joined[r * kGridCols + c] == 0 &&
+                    set.gapFill[r * kGridCols + c] >= kChangeLimit)
                     joined[r * kGridCols + c] = 1;
         uint8_t cells[kGridBlocks][2];
         uint32_t n = 0, rows = 0, cols = 0;

@@ -25,8 +25,8 @@ AdaptiveThreshold change_limits(uint32_t mean) {
         AdaptiveThreshold t;
     };
     static constexpr Row kRows[] = {
-        {300, {0.27f, 0.3f, 0.33f}},   {1000, {0.17f, 0.2f, 0.23f}},
-        {2000, {0.09f, 0.12f, 0.15f}}, {5000, {0.07f, 0.1f, 0.13f}},
+        {300, {0.27f, 0.3f, 0.33f}},    {1000, {0.17f, 0.2f, 0.23f}},
+        {2000, {0.09f, 0.12f, 0.15f}},  {5000, {0.07f, 0.1f, 0.13f}},
         {10000, {0.05f, 0.08f, 0.11f}}, {20000, {0.03f, 0.06f, 0.09f}},
     };
     for (const Row& row : kRows)

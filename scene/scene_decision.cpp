@@ -52,11 +52,11 @@ struct DropRow {
     uint32_t bound;
     float a, b;
 };
-constexpr DropRow kTableA[] = {{100, 1.03f, 1.13f}, {300, 0.28f, 0.68f},  {500, 0.23f, 0.63f},
-                               {800, 0.18f, 0.43f}, {1200, 0.1f, 0.38f},  {3000, 0.09f, 0.28f},
+constexpr DropRow kTableA[] = {{100, 1.03f, 1.13f},  {300, 0.28f, 0.68f}, {500, 0.23f, 0.63f},
+                               {800, 0.18f, 0.43f},  {1200, 0.1f, 0.38f}, {3000, 0.09f, 0.28f},
                                {65534, 0.06f, 0.21f}};
-constexpr DropRow kTableB[] = {{100, 1.03f, 1.13f}, {300, 0.33f, 0.68f},  {500, 0.28f, 0.63f},
-                               {800, 0.23f, 0.43f}, {1200, 0.18f, 0.38f}, {3000, 0.1f, 0.28f},
+constexpr DropRow kTableB[] = {{100, 1.03f, 1.13f},  {300, 0.33f, 0.68f},  {500, 0.28f, 0.63f},
+                               {800, 0.23f, 0.43f},  {1200, 0.18f, 0.38f}, {3000, 0.1f, 0.28f},
                                {65534, 0.09f, 0.21f}};
 constexpr DropRow kTableC[] = {{100, 1.03f, 1.13f}, {300, 0.4f, 0.68f},   {500, 0.35f, 0.63f},
                                {800, 0.3f, 0.53f},  {1200, 0.25f, 0.48f}, {3000, 0.23f, 0.4f},
@@ -87,8 +87,8 @@ void adapt_trigger_thresholds(SceneAnalyzer& a, float rho) {
 }
 
 // Change of the cell list's means against the reference: sharpness first, then brightness.
-uint8_t change_test(SceneAnalyzer& a, const SceneInput& in, const CellList& cells, uint32_t refSharp,
-                    uint32_t refLuma, const AdaptiveThreshold& sharpLimit,
+uint8_t change_test(SceneAnalyzer& a, const SceneInput& in, const CellList& cells,
+                    uint32_t refSharp, uint32_t refLuma, const AdaptiveThreshold& sharpLimit,
                     const AdaptiveThreshold& lumaLimit, double dropLimit) {
     if (cells.n == 0)
         return 0;
@@ -187,8 +187,8 @@ void build_report_region(const SceneAnalyzer& a, SceneResult& result) {
         for (int pass = 0; pass < 2; ++pass) {
             for (int i = 0; i < cells.n; ++i) {
                 const int r = cells.rc[i][0], c = cells.rc[i][1];
-                const bool inside = pass == 0 ? (c >= rowLo[r] && c <= rowHi[r])
-                                              : (r >= colLo[c] && r <= colHi[c]);
+                const bool inside =
+                    pass == 0 ? (c >= rowLo[r] && c <= rowHi[r]) : (r >= colLo[c] && r <= colHi[c]);
                 if (inside)
                     region[r * kGridCols + c] = 1;
             }
@@ -379,8 +379,8 @@ void scene_type_test(SceneAnalyzer& a, const SceneInput& in, uint8_t& decided, u
             return;
         }
         if (inBounds && nTypes > 0) {
-            const bool nearZoom = lens_get_zoom_pos() < 639 && eNow - eCap > margin &&
-                                  confirming_test(a, in) == 1;
+            const bool nearZoom =
+                lens_get_zoom_pos() < 639 && eNow - eCap > margin && confirming_test(a, in) == 1;
             const uint8_t trend = ctx.distanceTrend != nullptr ? ctx.distanceTrend(30) : 0;
             if (nearZoom || (trend == 2 && eNow - eCap > margin)) {
                 decided = 1;
@@ -389,15 +389,14 @@ void scene_type_test(SceneAnalyzer& a, const SceneInput& in, uint8_t& decided, u
             }
         }
     }
-    if (change_test(a, in, a.windowCells, a.refWinSharp, a.refWinLuma, a.adaptive[0],
-                    a.adaptive[1], 0.3) == 1) {
+    if (change_test(a, in, a.windowCells, a.refWinSharp, a.refWinLuma, a.adaptive[0], a.adaptive[1],
+                    0.3) == 1) {
         decided = 1;
         type = 0;
         return;
     }
-    if (a.subjectCentred == 0 && change_test(a, in, a.subjectCells, a.refSubjSharp,
-                                             a.refSubjLuma, a.adaptive[2], a.adaptive[3],
-                                             0.25) == 1) {
+    if (a.subjectCentred == 0 && change_test(a, in, a.subjectCells, a.refSubjSharp, a.refSubjLuma,
+                                             a.adaptive[2], a.adaptive[3], 0.25) == 1) {
         decided = 1;
         type = 1;
         return;

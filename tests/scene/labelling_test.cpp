@@ -132,8 +132,8 @@ TEST(SceneLabelling, RefinementClosesRingsAndCShapes) {
 
 TEST(SceneLabelling, RefinementOrdersBySizeAndLeavesOtherComponentsAlone) {
     U8Grid mask{};
-    paint(mask, 0, 0, 0, 4, 1);     // 5 blocks, label 1
-    paint(mask, 5, 7, 5, 7, 1);     // 9 blocks, label 2
+    paint(mask, 0, 0, 0, 4, 1);      // 5 blocks, label 1
+    paint(mask, 5, 7, 5, 7, 1);      // 9 blocks, label 2
     paint(mask, 10, 10, 10, 11, 1);  // speck
     Labelled l = label(mask);
     refine_component_shapes(l.set, 15, 15);

@@ -192,10 +192,10 @@ TEST_F(SceneDecision, LongQuietSpellsSharpenTheChangeTests) {
 TEST_F(SceneDecision, ChangedBlocksBySharpnessAndConfirmedBrightness) {
     capture_reference(reference(1500, 1000));
     U32Grid sharp = flat(1500), luma = flat(1000);
-    sharp[0] = 1800;                  // 0.167 > 0.11
-    sharp[1] = 1600;                  // 0.0625: too small
+    sharp[0] = 1800;                     // 0.167 > 0.11
+    sharp[1] = 1600;                     // 0.0625: too small
     paint(luma, 10, 12, 10, 12, 1300u);  // a 3 x 3 patch holds against its neighbours
-    luma[2 * 15 + 2] = 1500;          // a single bright block does not
+    luma[2 * 15 + 2] = 1500;             // a single bright block does not
     const SceneInput in = input(sharp, luma);
     CellList cells;
     changed_blocks(a(), in, cells);
