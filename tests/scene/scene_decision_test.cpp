@@ -156,6 +156,64 @@ TEST_F(SceneDecision, AReportOffTheMiddleIsNotConfirmed) {
     EXPECT_EQ(result_.pending, 0) << "3 blocks in the centre rows 6-8 x columns 7-9";
 }
 
+uint8_t g_distanceTrendAnswer = 0;
+
+TEST_F(SceneDecision, DistanceDisagreeingWithTheFocusMakesAnObjectScene) {
+    g_sceneContext.distanceAssist = 1;
+    g_sceneContext.lowerBound = 0;
+    g_sceneContext.upperBound = 6000;
+    g_sceneContext.distanceMargin = 4;
+    g_sceneContext.distanceTrend = [](uint8_t) { return g_distanceTrendAnswer; };
+    FocusReference ref = reference(1500, 1000);
+    ref.distance = 300;
+    capture_reference(ref);  // the first distance counts as a change: history holds type 1
+    U32Grid corner = flat(1500);
+    paint(corner, 0, 2, 0, 2, 3000u);  // enough changed blocks to look, none in the AF window
+
+    g_sceneContext.distance = 300;
+    for (int i = 0; i < 6; ++i)
+        ASSERT_EQ(step(corner, flat(1000)), kSceneNothing);
+    // The object now reads far: it needs a larger focus position than the lens holds.
+    g_sceneContext.distance = 5000;
+    lens_set_positions(700, 2400);  // above zoom 639 the trend of the distance must confirm
+    EXPECT_EQ(step(corner, flat(1000)), kSceneNothing);
+    g_distanceTrendAnswer = 2;
+    EXPECT_EQ(step(corner, flat(1000)), kSceneReport);
+    EXPECT_EQ(result_.event, kObjectConFar);
+    EXPECT_EQ(result_.decision, 0);
+    EXPECT_EQ(a().sceneTypes[a().sceneTypeCount - 1], 6);
+    // Once an object scene, every frame with changed blocks reports until the next capture.
+    g_sceneContext.distance = 300;
+    EXPECT_EQ(step(corner, flat(1000)), kSceneReport);
+    EXPECT_EQ(result_.decision, 1);
+    capture_reference(ref);
+    for (int i = 0; i < 6; ++i)
+        EXPECT_EQ(step(corner, flat(1000)), kSceneNothing);
+    g_distanceTrendAnswer = 0;
+}
+
+TEST_F(SceneDecision, InLowLightAnObjectLeavingThePictureIsEnough) {
+    set_statistics_mode(2);
+    capture_reference(reference(100, 1000));
+    const U32Grid sharp = flat(100);
+    auto with_rect = [](int c0, int c1, uint32_t v) {
+        U32Grid g = flat(1000);
+        paint(g, 5, 9, c0, c1, v);
+        return g;
+    };
+    for (int i = 0; i < 5; ++i)
+        ASSERT_EQ(step(sharp, flat(1000)), kSceneNothing);
+    for (int i = 0; i < 3; ++i)
+        ASSERT_EQ(step(sharp, with_rect(9, 11, 1300)), kSceneNothing);
+    ASSERT_EQ(step(sharp, with_rect(12, 14, 1300)), kSceneNothing);
+    EXPECT_EQ(step(sharp, with_rect(12, 14, 1600)), kSceneReport);
+    EXPECT_EQ(result_.event, kObjectOut);
+    EXPECT_EQ(result_.pending, 0);
+    EXPECT_EQ(result_.busy, 0);
+    EXPECT_EQ(result_.target.centres[0][1], 13);
+    EXPECT_EQ(result_.region[7 * 15 + 10], 1) << "where it was last followed";
+}
+
 TEST_F(SceneDecision, SharpnessDropModes) {
     capture_reference(reference(1000, 1000));
     U32Grid blurred = flat(1000);
