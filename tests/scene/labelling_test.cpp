@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "tests/scene/scene_fixture.h"
-#include "tests/support/test_env.h"
 
 namespace {
 
@@ -179,13 +178,6 @@ TEST(SceneLabelling, ThirtyTwoComponentsLeaveTheSetEmpty) {
 TEST(SceneLabellingDeathTest, UnknownConnectivityEndsTheProcess) {
     U8Grid mask{};
     EXPECT_EXIT(label(mask, 6), ::testing::ExitedWithCode(255), "");
-}
-
-TEST(SceneLabelling, PoppingAnEmptyStackOnlyComplains) {
-    RunStack s;
-    const std::string out = testsupport::capture_stdout([&] { s.pop(); });
-    EXPECT_EQ(out, "empty！\n");
-    EXPECT_TRUE(s.empty());
 }
 
 }  // namespace
