@@ -1,28 +1,28 @@
 #include "scene/scene_analyzer.h"
 
+#include <new>
+
+#include "scene/scene_state.h"
+
 SceneResult g_sceneResult;
 SceneContext g_sceneContext;
 
+// The records are large (the component snapshot alone is some 16 KiB): they are rebuilt in place
+// rather than through a temporary.
 void scene_clear_result() {
-    g_sceneResult = SceneResult();
+    new (&g_sceneResult) SceneResult();
 }
 
 void scene_clear_events() {
     g_sceneResult.event = kObjectNon;
 }
 
-// The grid model, labelling, object tracking and per-frame decision fill these in.
-void capture_reference(const FocusReference&) {}
-
-uint32_t scene_step(SceneResult&, const SceneInput&) {
-    return kSceneNothing;
-}
-
-uint32_t reference_sharpness_check(const FocusReference&) {
-    return kSceneRefocus;
-}
-
 void scene_reset() {
-    g_sceneResult = SceneResult();
+    new (&g_sceneResult) SceneResult();
     g_sceneContext = SceneContext();
+    new (&g_sceneAnalyzer) SceneAnalyzer();
+}
+
+float scene_sharpness_drop_max() {
+    return g_sceneAnalyzer.dropMax;
 }

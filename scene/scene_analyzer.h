@@ -10,6 +10,7 @@
 #include <cstdint>
 
 #include "isp/af_stat.h"
+#include "scene/scene_types.h"
 
 // Object event codes.
 inline constexpr uint32_t kObjectIn = 0;
@@ -32,7 +33,10 @@ struct SceneResult {
     uint32_t event = kObjectNon;
     uint8_t region[kGridBlocks] = {};   // blocks autofocus should focus on
     uint8_t changed[kGridBlocks] = {};  // blocks found changed against the reference
-    uint32_t sharpnessMeans[4] = {};    // reference centre, current centre, reference whole, current whole
+    uint32_t sharpnessMeans[4] =
+        {};                   // reference centre, current centre, reference whole, current whole
+    ComponentSet components;  // the newest accepted motion components (object map, centroid)
+    TrackedObject target;     // the object the report is about
 };
 
 extern SceneResult g_sceneResult;
@@ -65,13 +69,13 @@ struct SceneContext {
     uint8_t searchPhase = 0;        // 9: the last search finished
     uint8_t pointLightMeasure = 0;  // a point-light measure is running
     uint8_t motionHint = 0;
-    uint8_t distanceAssist = 0;     // distance assist switched on and not overridden
-    uint16_t distance = 8192;       // current object distance, 8192 unknown
+    uint8_t distanceAssist = 0;  // distance assist switched on and not overridden
+    uint16_t distance = 8192;    // current object distance, 8192 unknown
     uint16_t distanceMargin = 4;
-    uint16_t lowerBound = 0;        // search bounds
+    uint16_t lowerBound = 0;  // search bounds
     uint16_t upperBound = 0;
     uint8_t trackingOn = 0;
-    uint8_t lastSearchNoPeak = 0;   // the last search ended without a peak
+    uint8_t lastSearchNoPeak = 0;  // the last search ended without a peak
     // Distance-assist tests of autofocus; null while they are not available (answer 0).
     uint8_t (*distanceStillValid)(uint16_t atCapture, uint16_t now) = nullptr;
     uint8_t (*distanceTrend)(uint8_t frames) = nullptr;
@@ -94,3 +98,6 @@ uint32_t scene_step(SceneResult& result, const SceneInput& in);
 uint32_t reference_sharpness_check(const FocusReference& ref);
 // Back to the power-on state (tests).
 void scene_reset();
+// Largest relative sharpness spread the transient-change check has seen since the capture (the
+// focused watch reads it).
+float scene_sharpness_drop_max();
