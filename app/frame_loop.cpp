@@ -3,7 +3,7 @@
 #include "af/auto_focus.h"
 #include "base/frame_pacing.h"
 #include "command/command_process.h"
-#include "command/track_input.h"
+#include "isp/track_input.h"
 #include "isp/af_stat.h"
 #include "isp/highlight.h"
 #include "isp/isp_link.h"

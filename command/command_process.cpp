@@ -18,7 +18,7 @@
 #include "af/focus_zone.h"
 #include "base/dbgout.h"
 #include "base/frame_pacing.h"
-#include "command/track_input.h"
+#include "isp/track_input.h"
 #include "data/lens_tables.h"
 #include "lens_api/gpio_pins.h"
 #include "lens_api/iris.h"
