@@ -21,6 +21,7 @@
 #include "sim/hw/lens_mechanics.h"
 #include "sim/isp_records.h"
 #include "sim/optics.h"
+#include "sim/peripherals.h"
 #include "sim/scenario.h"
 
 namespace vcam {
@@ -94,6 +95,7 @@ class Camera {
     Scenario sc_;
     LensMechanics* mech_;
     AutoExposure ae_;
+    Peripherals peripherals_{sc_};
     std::array<uint8_t, kAfAttrSize> attr_{};
     double profile_ = 0.0;
     double period_us_;
