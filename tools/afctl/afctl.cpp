@@ -25,6 +25,7 @@
 #include "platform/paths.h"
 #include "platform/ports.h"
 #include "tools/afctl/calib_report.h"
+#include "tools/afctl/inputs_report.h"
 
 namespace {
 
@@ -254,6 +255,8 @@ int cmd_status(const Options& o) {
             m.mode, m.move, m.zoom_target, m.focus_target, af_mode_name(m.autofocus_mode),
             m.zone_type, m.region, r[20], r[21], r[22], r[23], error, afdata::get_u16(&r[56]));
         print_calibration_files(true);
+        std::printf(",\"inputs\":");
+        print_camera_inputs(true);
         std::printf("}\n");
         return 0;
     }
@@ -266,6 +269,7 @@ int cmd_status(const Options& o) {
     std::printf("iris: %s, step %u\n", r[22] ? "auto" : "fixed", r[23]);
     static const char* kHoming[] = {"?", "ok", "zoom failed", "focus failed", "both failed"};
     std::printf("homing: %s\n", kHoming[error <= 4 ? error : 0]);
+    print_camera_inputs(false);
     print_calibration_files(false);
 
     // What the daemon publishes every frame.
