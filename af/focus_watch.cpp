@@ -32,6 +32,7 @@ WatchState g_watch;
 
 namespace {
 
+void (*g_capture)(const FocusReference&) = capture_reference;
 uint32_t (*g_sceneStep)(SceneResult&, const SceneInput&) = scene_step;
 uint32_t (*g_sharpnessCheck)(const FocusReference&) = reference_sharpness_check;
 
@@ -213,7 +214,7 @@ void settle_frame() {
         g_reference.focusPosition = p;
         g_reference.distance = g_seams.distanceAtLastFocus;
         fill_scene_context();
-        capture_reference(g_reference);
+        g_capture(g_reference);
         if (g_seams.jumped)
             watch_jump_check();
     }
@@ -571,8 +572,8 @@ void watch_clear_reference_mask() {
     af_stat_copy_grid(StatGrid::kLuma, g_watch.startLuma);
 }
 
-void watch_set_scene_deciders_for_testing(uint32_t (*step)(SceneResult&, const SceneInput&),
-                                          uint32_t (*check)(const FocusReference&)) {
-    g_sceneStep = step != nullptr ? step : scene_step;
-    g_sharpnessCheck = check != nullptr ? check : reference_sharpness_check;
+void watch_set_scene_hooks_for_testing(const WatchSceneHooks& hooks) {
+    g_capture = hooks.capture != nullptr ? hooks.capture : capture_reference;
+    g_sceneStep = hooks.step != nullptr ? hooks.step : scene_step;
+    g_sharpnessCheck = hooks.check != nullptr ? hooks.check : reference_sharpness_check;
 }

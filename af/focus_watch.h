@@ -66,7 +66,11 @@ void watch_set_reference_windows();
 // whether the picture changes while the search runs.
 void watch_clear_reference_mask();
 
-// Replaces the scene decision and the reference-sharpness check (nullptr: the scene analysis's
-// own), so that the watch's rules can be driven without a scene (tests).
-void watch_set_scene_deciders_for_testing(uint32_t (*step)(SceneResult&, const SceneInput&),
-                                          uint32_t (*check)(const FocusReference&));
+// Replaces the reference capture, the scene decision and the reference-sharpness check (nullptr:
+// the scene analysis's own), so that the watch's rules can be driven without a scene (tests).
+struct WatchSceneHooks {
+    void (*capture)(const FocusReference&) = nullptr;
+    uint32_t (*step)(SceneResult&, const SceneInput&) = nullptr;
+    uint32_t (*check)(const FocusReference&) = nullptr;
+};
+void watch_set_scene_hooks_for_testing(const WatchSceneHooks& hooks);
