@@ -85,15 +85,6 @@ class FocusWatchTest : public afrules::AfRulesTest {
             FocusWatch(1);
         }
     }
-    // Focused frames until the watch first decides (at most 40); 0 when it never did.
-    static int frames_to_first_decision(const StatFrame& f) {
-        for (int i = 0; i < 40; ++i) {
-            feed(f);
-            if (g_fakes.steps + g_fakes.checks > 0)
-                return g_fakes.frame;
-        }
-        return 0;
-    }
     // Focus position after each of n wobble stages, relative to the start, and the last result.
     static std::vector<int> wobble(int n, uint32_t* result) {
         const int p0 = lens_get_focus_pos();
@@ -113,130 +104,109 @@ TEST_F(FocusWatchTest, SettlesByZoneTypeAndFrameRateAndTakesTheReferenceOnWatchF
         int decides;
     } cases[] = {{1, false, 7}, {2, false, 9}, {3, false, 13},
                  {1, true, 13}, {2, true, 17}, {3, true, 21}};
+    select_only({12, 13});
     for (const Case& c : cases) {
         watch_state_reset();
         g_fakes = Fakes{};
         g_zoneType = c.zone;
         set_high_rate(c.high);
-        EXPECT_EQ(frames_to_first_decision(picture(3000)), c.decides)
+        g_focusZone.blockMask[afrules::block_of(12, 1, 1)] = 0;
+        g_focusZone.blockMask[afrules::block_of(6, 0, 0)] = 1;  // outside the selection
+        while (g_fakes.steps == 0 && g_fakes.frame < 40)
+            feed(picture(3000));
+        EXPECT_EQ(g_fakes.frame, c.decides)
             << "zone type " << int(c.zone) << (c.high ? " at 60 fps" : " at 30 fps");
         EXPECT_EQ(g_fakes.captures, 1);
         EXPECT_EQ(g_fakes.captureFrame, 6);
     }
-}
-
-TEST_F(FocusWatchTest, ReferenceKeepsTheZoneBlocksOfTheSelectedWindowsAtTheFocusPosition) {
-    select_only({12, 13});
-    g_focusZone.blockMask[afrules::block_of(12, 1, 1)] = 0;
-    g_focusZone.blockMask[afrules::block_of(6, 0, 0)] = 1;  // outside the selection
-    feed(picture(3000), 6);
-    ASSERT_EQ(g_fakes.captures, 1);
+    // The subject is the zone's blocks inside the selected windows; the watch then measures all.
     int blocks = 0;
     for (uint8_t b : g_fakes.ref.blockMask)
         blocks += b != 0;
     EXPECT_EQ(blocks, 17);
     EXPECT_EQ(g_fakes.ref.focusPosition, 4000);
-    EXPECT_EQ(g_fakes.ref.windowMask[12], 1);
-    EXPECT_EQ(g_fakes.ref.windowMask[6], 0);
-    EXPECT_EQ(g_focusZone.blockMask[afrules::block_of(12, 1, 1)], 1) << "the watch measures all";
+    EXPECT_EQ(g_focusZone.blockMask[afrules::block_of(12, 1, 1)], 1);
 }
 
-TEST_F(FocusWatchTest, MotionHintFromAFlatPictureThatFellWhileSettlingAndAtTheSettleEnd) {
-    // Flat picture, value down by a third on watch frame 5: something moved.
-    feed(picture(3000, false), 5);
-    feed(picture(2000, false));
-    EXPECT_EQ(g_watch.motionHint, 1);
-    // The same after a restart the hint itself asked for: not again.
-    watch_state_reset();
-    g_search.restartReason = 2;
-    feed(picture(3000, false), 5);
-    feed(picture(2000, false));
-    EXPECT_EQ(g_watch.motionHint, 0);
-    // A textured picture is judged by the scene analysis.
-    watch_state_reset();
-    g_search.restartReason = 0;
-    feed(picture(3000), 5);
-    feed(picture(2000));
-    EXPECT_EQ(g_watch.motionHint, 0);
-    // The hint asked for at the settle end: only where the picture has texture.
-    for (bool textured : {true, false}) {
+TEST_F(FocusWatchTest, MotionHintFromAFlatPictureThatFellWhileSettlingOrAtTheSettleEnd) {
+    struct Case {
+        bool textured;
+        uint32_t reason;
+        uint8_t atSettle;
+        uint32_t frameFive;  // the value on watch frame 5 (3000 before)
+        uint8_t hint;
+    } cases[] = {{false, 0, 0, 2000, 1}, {false, 2, 0, 2000, 0}, {true, 0, 0, 2000, 0},
+                 {false, 0, 0, 2500, 0}, {true, 0, 1, 3000, 1},  {false, 0, 1, 3000, 0}};
+    for (const Case& c : cases) {
         watch_state_reset();
-        g_watch.hintAtSettle = 1;
-        feed(picture(3000, textured), 8);
-        EXPECT_EQ(g_watch.motionHint, textured ? 1 : 0) << "textured " << textured;
+        g_search.restartReason = c.reason;
+        g_watch.hintAtSettle = c.atSettle;
+        feed(picture(3000, c.textured), 5);
+        feed(picture(c.frameFive, c.textured));
+        feed(picture(3000, c.textured), 2);
+        EXPECT_EQ(g_watch.motionHint, c.hint) << c.textured << c.reason << c.frameFive;
     }
 }
 
-TEST_F(FocusWatchTest, SceneDecisionRestartsWithReasonOneAndHintAtSettle) {
-    g_fakes.stepAnswer = 1;  // refocus without a report: no effect on this path
-    feed(picture(3000), 12);
-    EXPECT_EQ(g_afState, 2);
-    EXPECT_GT(g_fakes.steps, 1);
-    g_fakes.stepAnswer = 2;
-    feed(picture(3000));
-    EXPECT_EQ(g_afState, 0);
-    EXPECT_EQ(g_search.restartReason, 1u);
-    EXPECT_EQ(g_search.refocusCause, 0u);
-    EXPECT_EQ(g_watch.hintAtSettle, 1);
-    EXPECT_EQ(g_fakes.checks, 0);
+TEST_F(FocusWatchTest, SceneDecisionRestartsWithReasonOneUnlessTheTrackerHoldsTheSubject) {
+    struct Case {
+        uint32_t answer;
+        bool refresh, recheck, tracking;
+        uint8_t state;
+        uint32_t cause;
+    } cases[] = {{1, false, false, false, 2, 0},
+                 {2, false, false, false, 0, 0},
+                 {2, true, false, false, 0, 2},
+                 {0, false, true, false, 0, 0},
+                 {2, false, false, true, 2, 0}};
+    for (const Case& c : cases) {
+        watch_state_reset();
+        g_afState = 2;
+        g_fakes = Fakes{};
+        g_fakes.stepAnswer = c.answer;
+        g_fakes.refresh = c.refresh;
+        g_watch.recheck = c.recheck;
+        set_tracking_on(c.tracking);
+        g_search.restartReason = 0;
+        feed(picture(3000), 12);
+        EXPECT_EQ(g_afState, c.state) << c.answer << c.refresh << c.recheck << c.tracking;
+        EXPECT_EQ(g_search.refocusCause, c.cause);
+        EXPECT_EQ(g_fakes.checks, 0);
+        EXPECT_EQ(g_fakes.steps, c.recheck ? 0 : c.state == 0 ? 1 : 4);
+        if (c.state == 0) {
+            EXPECT_EQ(g_search.restartReason, 1u);
+            EXPECT_EQ(g_watch.hintAtSettle, 1);
+            EXPECT_EQ(g_watch.recheck, 0);
+        }
+    }
 }
 
-TEST_F(FocusWatchTest, TimedRefreshIsCauseTwoAndRecheckRestartsWithoutAsking) {
-    g_fakes.stepAnswer = 2;
-    g_fakes.refresh = true;
-    feed(picture(3000), 9);
-    EXPECT_EQ(g_afState, 0);
-    EXPECT_EQ(g_search.refocusCause, 2u);
-
-    watch_state_reset();
-    g_afState = 2;
-    g_fakes = Fakes{};
-    g_watch.recheck = 1;
-    feed(picture(3000), 9);
-    EXPECT_EQ(g_afState, 0);
-    EXPECT_EQ(g_fakes.steps, 0);
-    EXPECT_EQ(g_watch.recheck, 0);
-}
-
-TEST_F(FocusWatchTest, TrackerDropsSceneRefocusButNotTheMotionHintPath) {
-    set_tracking_on(1);
-    g_fakes.stepAnswer = 2;
-    feed(picture(3000), 20);
-    EXPECT_EQ(g_afState, 2);
-    EXPECT_GT(g_fakes.steps, 5);
-    // With the tracker on the hint path wobbles; a wobble finds no peak in a picture that does
-    // not change with the lens.
-    g_watch.motionHint = 1;
-    feed(picture(3000), 10);
-    EXPECT_EQ(g_afState, 0);
-    EXPECT_EQ(g_search.refocusCause, 1u);
-    EXPECT_EQ(g_search.restartReason, 2u);
-    EXPECT_EQ(g_fakes.checks, 0);
-    EXPECT_EQ(lens_get_focus_pos(), 4000) << "the wobble ends where it began";
-}
-
-TEST_F(FocusWatchTest, MotionHintPathSkipsOneFrameThenChecksTheReferenceSharpness) {
+TEST_F(FocusWatchTest, MotionHintPathSkipsOneFrameThenChecksTheFocusItself) {
     g_watch.motionHint = 1;
     feed(picture(3000), 9);
     EXPECT_EQ(g_fakes.checks, 0) << "the first hint frame still shows the motion";
-    feed(picture(3000));
+    feed(picture(3000), 2);
     EXPECT_EQ(g_fakes.checks, 1);
     EXPECT_EQ(g_watch.motionHint, 0) << "still in focus: back to the scene decision";
-    EXPECT_EQ(g_afState, 2);
-    feed(picture(3000));
     EXPECT_EQ(g_fakes.steps, 1);
-
-    // Out of focus: a restart that does not ask for the hint again.
-    watch_state_reset();
-    g_fakes = Fakes{};
-    g_fakes.checkAnswer = 2;
-    g_watch.motionHint = 1;
-    feed(picture(3000), 10);
-    EXPECT_EQ(g_afState, 0);
-    EXPECT_EQ(g_search.restartReason, 2u);
-    EXPECT_EQ(g_search.refocusCause, 1u);
-    EXPECT_EQ(g_watch.hintAtSettle, 0);
-    EXPECT_EQ(g_watch.motionHint, 0);
+    EXPECT_EQ(g_afState, 2);
+    // Out of focus, or a tracker on (which wobbles, and a picture that does not change with the
+    // lens does not peak): a restart that does not ask for the hint again, even with the tracker.
+    for (bool tracking : {false, true}) {
+        watch_state_reset();
+        g_afState = 2;
+        g_fakes = Fakes{};
+        g_fakes.checkAnswer = 2;
+        set_tracking_on(tracking);
+        g_watch.motionHint = 1;
+        feed(picture(3000), 20);
+        EXPECT_EQ(g_afState, 0);
+        EXPECT_EQ(g_fakes.checks, tracking ? 0 : 1);
+        EXPECT_EQ(g_search.restartReason, 2u);
+        EXPECT_EQ(g_search.refocusCause, 1u);
+        EXPECT_EQ(g_watch.hintAtSettle, 0);
+        EXPECT_EQ(lens_get_focus_pos(), 4000);
+    }
 }
 
 TEST_F(FocusWatchTest, ValueBelowAFifthOfTheReferenceRestartsEvenWhenStillPeaking) {
@@ -297,35 +267,37 @@ TEST_F(FocusWatchTest, WobbleCountsBlocksThatPeakAtTheFocusPosition) {
     // Zoom 1500: enough blocks peaking a step above the focus position end the wobble early, back
     // at the focus position.
     lens_set_positions(1500, 4000);
-    ASSERT_EQ(WobbleCheck(0), 0u);
-    show(at(0, 0));
-    ASSERT_EQ(WobbleCheck(0), 0u);
-    show(at(6, 1100));
-    ASSERT_EQ(WobbleCheck(0), 0u);
-    show(at(0, 0));
-    EXPECT_EQ(WobbleCheck(0), 1u);
+    uint32_t r = 0;
+    for (const StatFrame& f : {at(0, 0), at(0, 0), at(6, 1100), at(0, 0)}) {
+        show(f);
+        r = WobbleCheck(0);
+    }
+    EXPECT_EQ(r, 1u);
     EXPECT_EQ(lens_get_focus_pos(), 4000);
 }
 
-TEST_F(FocusWatchTest, FocusedRangeRecordsWhereTheWatchBeganUnlessTheSearchFoundNoPeak) {
+TEST_F(FocusWatchTest, FirstSettleFrameRecordsTheFocusedRangeAndTheWideEndTrim) {
+    curve_anchor(0);
     focused_range_reset();
-    feed(picture(3000));
-    EXPECT_EQ(g_watch.focusedRange[0], 4000);
-    EXPECT_EQ(g_watch.focusedRange[1], 4000);
-    focused_range_record(3900);
-    EXPECT_EQ(g_watch.focusedRange[2], 3900);
+    for (uint16_t zoom : {150, 250}) {
+        g_watch.watchBegun = 0;
+        g_watch.watchFrames = 0;
+        lens_set_positions(zoom, zoom == 150 ? 4000 : 3900);
+        feed(picture(3000));
+    }
+    EXPECT_EQ(curve_get_anchor_zoom(), 150);
+    EXPECT_EQ(curve_get_anchor_focus(), 4000);
+    const uint16_t* r = g_watch.focusedRange;
+    EXPECT_EQ(r[0], 3900);
+    EXPECT_EQ(r[1], 4000);
+    EXPECT_EQ(r[2], 3900);
     focused_range_record(3996);  // within 5 of the top: "last" stands for the whole range
-    EXPECT_EQ(g_watch.focusedRange[2], 3900);
-    focused_range_record(4100);
-    EXPECT_EQ(g_watch.focusedRange[1], 4100);
-    EXPECT_EQ(g_watch.focusedRange[2], 3900);
-
-    focused_range_reset();
+    EXPECT_EQ(r[2], 3900);
     watch_state_reset();
     focused_range_reset();
     g_search.searchPhase = 9;
     feed(picture(3000));
-    EXPECT_EQ(g_watch.focusedRange[0], lens_get_focus_max());
+    EXPECT_EQ(r[0], lens_get_focus_max());
 }
 
 TEST_F(FocusWatchTest, LumaChangeDuringTheSearchCountsInSelectedWindowsOnly) {
@@ -356,18 +328,6 @@ TEST_F(FocusWatchTest, LumaChangeDuringTheSearchCountsInSelectedWindowsOnly) {
         EXPECT_EQ(g_watch.changedDuringSearch, c.changed) << c.blocks << " at " << c.luma;
         EXPECT_EQ(g_watch.recheck, c.recheck) << c.blocks << " at " << c.luma;
     }
-}
-
-TEST_F(FocusWatchTest, WideEndFocusTrimsTheZoomTrackingCurve) {
-    curve_anchor(0);
-    lens_set_positions(150, 4321);
-    feed(picture(3000));
-    EXPECT_EQ(curve_get_anchor_zoom(), 150);
-    EXPECT_EQ(curve_get_anchor_focus(), 4321);
-    watch_state_reset();
-    lens_set_positions(250, 4100);
-    feed(picture(3000));
-    EXPECT_EQ(curve_get_anchor_zoom(), 150);
 }
 
 // The next search's start phase reads the grids the watch kept: the one at focus and its last.
