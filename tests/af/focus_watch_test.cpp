@@ -78,6 +78,12 @@ class FocusWatchTest : public afrules::AfRulesTest {
         frame_pacing_reset_for_testing();
         AfRulesTest::TearDown();
     }
+    // A new focus: the watch from its first frame, the fakes cleared.
+    static void refocused() {
+        watch_state_reset();
+        g_afState = 2;
+        g_fakes = Fakes{};
+    }
     static void feed(const StatFrame& f, int n = 1) {
         for (int i = 0; i < n && g_afState == 2; ++i) {
             show(f);
@@ -106,8 +112,7 @@ TEST_F(FocusWatchTest, SettlesByZoneTypeAndFrameRateAndTakesTheReferenceOnWatchF
                  {1, true, 13}, {2, true, 17}, {3, true, 21}};
     select_only({12, 13});
     for (const Case& c : cases) {
-        watch_state_reset();
-        g_fakes = Fakes{};
+        refocused();
         g_zoneType = c.zone;
         set_high_rate(c.high);
         g_focusZone.blockMask[afrules::block_of(12, 1, 1)] = 0;
@@ -160,18 +165,14 @@ TEST_F(FocusWatchTest, SceneDecisionRestartsWithReasonOneUnlessTheTrackerHoldsTh
                  {0, false, true, false, 0, 0},
                  {2, false, false, true, 2, 0}};
     for (const Case& c : cases) {
-        watch_state_reset();
-        g_afState = 2;
-        g_fakes = Fakes{};
+        refocused();
         g_fakes.stepAnswer = c.answer;
         g_fakes.refresh = c.refresh;
         g_watch.recheck = c.recheck;
         set_tracking_on(c.tracking);
-        g_search.restartReason = 0;
         feed(picture(3000), 12);
         EXPECT_EQ(g_afState, c.state) << c.answer << c.refresh << c.recheck << c.tracking;
         EXPECT_EQ(g_search.refocusCause, c.cause);
-        EXPECT_EQ(g_fakes.checks, 0);
         EXPECT_EQ(g_fakes.steps, c.recheck ? 0 : c.state == 0 ? 1 : 4);
         if (c.state == 0) {
             EXPECT_EQ(g_search.restartReason, 1u);
@@ -193,9 +194,7 @@ TEST_F(FocusWatchTest, MotionHintPathSkipsOneFrameThenChecksTheFocusItself) {
     // Out of focus, or a tracker on (which wobbles, and a picture that does not change with the
     // lens does not peak): a restart that does not ask for the hint again, even with the tracker.
     for (bool tracking : {false, true}) {
-        watch_state_reset();
-        g_afState = 2;
-        g_fakes = Fakes{};
+        refocused();
         g_fakes.checkAnswer = 2;
         set_tracking_on(tracking);
         g_watch.motionHint = 1;
@@ -211,9 +210,7 @@ TEST_F(FocusWatchTest, MotionHintPathSkipsOneFrameThenChecksTheFocusItself) {
 
 TEST_F(FocusWatchTest, ValueBelowAFifthOfTheReferenceRestartsEvenWhenStillPeaking) {
     for (uint32_t later : {600u, 450u}) {  // the reference windows read 3051
-        watch_state_reset();
-        g_afState = 2;
-        g_fakes = Fakes{};
+        refocused();
         feed(picture(3000), 6);
         feed(picture(later), 6);  // the scene decision sees nothing; the frame ring fills
         g_watch.motionHint = 1;
