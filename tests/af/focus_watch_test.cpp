@@ -221,20 +221,24 @@ TEST_F(FocusWatchTest, ValueBelowAFifthOfTheReferenceRestartsEvenWhenStillPeakin
 }
 
 TEST_F(FocusWatchTest, WobbleStagesByZoomEndWhereTheyBegan) {
-    uint32_t r = 9;
-    lens_set_positions(500, 4000);
-    EXPECT_EQ(wobble(4, &r), (std::vector<int>{1, 0, -1, 0}));
-    EXPECT_EQ(r, 2u) << "a picture that does not change with the lens does not peak";
-    // From zoom 1088 the peak may lie a step either side; nothing peaks, so all six stages run.
-    lens_set_positions(1500, 4000);
-    EXPECT_EQ(wobble(6, &r), (std::vector<int>{2, 1, 0, -1, -2, 0}));
-    EXPECT_EQ(r, 2u);
-    lens_set_positions(3000, 4000);
-    EXPECT_EQ(wobble(8, &r), (std::vector<int>{3, 2, 1, 0, -1, -2, -3, 0}));
-    EXPECT_EQ(r, 2u);
-    lens_set_positions(3500, 4000);
-    EXPECT_EQ(wobble(8, &r), (std::vector<int>{6, 4, 2, 0, -2, -4, -6, 0}));
-    EXPECT_EQ(g_watch.wobbleStage, 0);
+    struct Case {
+        uint16_t zoom;
+        std::vector<int> at;  // focus after each stage, from where it began
+    } cases[] = {{1087, {1, 0, -1, 0}},
+                 // from zoom 1088 a peak a step either side counts; nothing peaks here, so
+                 // every stage runs
+                 {1088, {2, 1, 0, -1, -2, 0}},
+                 {2555, {2, 1, 0, -1, -2, 0}},
+                 {2556, {3, 2, 1, 0, -1, -2, -3, 0}},
+                 {3000, {3, 2, 1, 0, -1, -2, -3, 0}},
+                 {3001, {6, 4, 2, 0, -2, -4, -6, 0}}};
+    for (const Case& c : cases) {
+        uint32_t r = 9;
+        lens_set_positions(c.zoom, 4000);
+        EXPECT_EQ(wobble(static_cast<int>(c.at.size()), &r), c.at) << c.zoom;
+        EXPECT_EQ(r, 2u) << "a picture that does not change with the lens does not peak";
+        EXPECT_EQ(g_watch.wobbleStage, 0);
+    }
 }
 
 TEST_F(FocusWatchTest, WobbleCountsBlocksThatPeakAtTheFocusPosition) {
