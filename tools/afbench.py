@@ -708,15 +708,17 @@ def focus_episodes(data, k0):
     frames between them. A zoom motion ends a run (the focus follows the zoom's curve then, no
     search); the first move after it starts a new one. Returns (searches, wobbles): a run that
     leaves the position by more than the wobble's amplitude (one step of slack) or moves more
-    often than a wobble does is a search; the rest are wobbles."""
+    often than a wobble does, or that does not end where it began, is a search; the rest are
+    wobbles (a wobble always returns to its position)."""
     searches, wobbles = [], []
     cur, rest = None, REST_FRAMES
 
     def finish(c):
         if c is None:
             return
-        big = c["excursion"] > wobble_amplitude(c["zoom"]) + 1 or c["moves"] > 8
-        (searches if big else wobbles).append(c["start"])
+        wobble = c["excursion"] <= wobble_amplitude(c["zoom"]) + 1 and c["moves"] <= 8 and \
+            c["end"] == c["base"]
+        (wobbles if wobble else searches).append(c["start"])
 
     for i in range(max(1, k0), len(data)):
         f, f1 = data[i]["lens"]["focus"], data[i - 1]["lens"]["focus"]
@@ -731,6 +733,7 @@ def focus_episodes(data, k0):
             if cur is not None:
                 cur["excursion"] = max(cur["excursion"], abs(f - cur["base"]))
                 cur["moves"] += 1
+                cur["end"] = f
             rest = 0
         else:
             rest += 1
@@ -752,12 +755,13 @@ def score_scene(data, text, ov):
     REST_FRAMES when it gets there), the final error, and the searches started after the first
     focus (per 10 virtual minutes on the static scenes)."""
     names = object_names(text)
-    target = ov.get("target") or (re.search(r"^subject: ([\w-]+)", text, re.M) or [None, None])[1]
-    idx = names.index(target) if target in names else None
+    subject = (re.search(r"^subject: ([\w-]+)", text, re.M) or [None, None])[1]
+    target = ov.get("target") or subject
     n = len(data)
 
-    def truth(k):
+    def truth(k, name=target):
         of = data[k].get("object_focus") or []
+        idx = names.index(name) if name in names else None
         if idx is not None and idx < len(of):
             return of[idx]
         return data[k].get("subject_focus")
@@ -767,8 +771,9 @@ def score_scene(data, text, ov):
     inf = [truth(k) is not None and abs(foc[k] - truth(k)) <= dof[k] for k in range(n)]
     out = {"target": target, "frames": n,
            "virtual_s": round((data[-1]["t_us"] - data[0]["t_us"]) / 1e6, 1)}
-    # first focus: in focus and still for REST_FRAMES
-    first = next((k for k in range(n - REST_FRAMES) if inf[k] and
+    # first focus, on the scenario's subject: in focus and still for REST_FRAMES
+    first = next((k for k in range(n - REST_FRAMES) if truth(k, subject) is not None and
+                  abs(foc[k] - truth(k, subject)) <= dof[k] and
                   all(foc[k + i] == foc[k] for i in range(REST_FRAMES))), None)
     out["first_focus_frames"] = None if first is None else \
         data[first]["exposure"] - data[0]["exposure"]
