@@ -521,10 +521,14 @@ def run_daemon(build, base, ov, extra, seconds, port, outdir, name, mode, callgr
         # The commanded start, as a preset recall with the autofocus on (switching it off and on
         # again would first drive the focus back to its last autofocus position): a tracked zoom,
         # whose search ends focused, then a zoom-then-focus preset to the start at the same zoom.
+        # The autofocus is in its focus-once-and-hold mode meanwhile: in continuous mode the
+        # focused watch would see the preset defocus the picture and search before the trigger.
         # No zoom steps, no refocus request: the autofocus stays in its focused state there.
         afctl(build, env, "zoom", "--to", str(zoom), "--speed", "7")
         wait_lens(tele, "zoom", zoom, 60)  # the zoom stops within a few steps
         wait_focus_rest(tele, 20)
+        afctl(build, env, "af", "--mode", "once")  # one more search, then hold
+        wait_focus_rest(tele, 40)
         pos = json.loads(afctl(build, env, "--json", "positions"))
         afctl(build, env, "zoom", "--to", str(pos["zoom"]), "--focus", str(start), "--speed", "7")
         try:
