@@ -627,7 +627,9 @@ def fps_of(text):
 
 
 COST_FUNCS = {"frame": "FrameLoop::iteration()", "af_frame": "AfFrame()",
-              "fetch": "af_stat_fetch(unsigned char)", "sample": "SampleFrame()"}
+              "fetch": "af_stat_fetch(unsigned char)", "sample": "SampleFrame()",
+              "watch": "FocusWatch(unsigned char)",
+              "scene": "scene_step(SceneResult&, SceneInput const&)"}
 HEAP_FUNCS = ("malloc", "calloc", "realloc", "operator new")
 
 
@@ -879,10 +881,13 @@ def print_row(r):
     cpu = d.get("cpu")
     if cpu:
         print("    callgrind, instructions per call: frame loop %s (%s frames), AfFrame %s (%s), "
-              "statistics fetch %s (%s), SampleFrame %s (%s); heap calls %s" % tuple(
+              "statistics fetch %s (%s), SampleFrame %s (%s), FocusWatch %s (%s), scene_step %s "
+              "(%s); heap calls %s" % tuple(
                   cpu.get(k) for k in ("frame_ir_per_call", "frame_calls", "af_frame_ir_per_call",
                                        "af_frame_calls", "fetch_ir_per_call", "fetch_calls",
-                                       "sample_ir_per_call", "sample_calls", "heap_calls")))
+                                       "sample_ir_per_call", "sample_calls", "watch_ir_per_call",
+                                       "watch_calls", "scene_ir_per_call", "scene_calls",
+                                       "heap_calls")))
     sys.stdout.flush()
 
 
