@@ -13,9 +13,13 @@
 #include <cstring>
 #include <mutex>
 
+#include "af/af_state.h"
+#include "base/af_status.h"
+#include "base/command_state.h"
 #include "base/dbgout.h"
 #include "isp/af_stat.h"
 #include "isp/isp_link.h"
+#include "lens_api/iris.h"
 #include "lens_api/lens_position.h"
 #include "platform/clock.h"
 #include "platform/paths.h"
@@ -33,10 +37,11 @@ constexpr size_t kHeaderSize = 24;
 constexpr uint32_t kCmdNop = 0;
 constexpr uint32_t kCmdGrid = 1;
 constexpr uint32_t kCmdFilter = 2;
-constexpr uint32_t kCmdProvider = 3;
+constexpr uint32_t kCmdStatus = 3;
 constexpr uint32_t kCmdFocus = 4;
 constexpr uint32_t kReplyGrid = 2;
 constexpr uint32_t kGridBytes = kGridBlocks * 4;
+constexpr uint32_t kStatusBytes = 16;
 constexpr uint32_t kDefaultPollUs = 1000000;
 // A client that stops reading fills its socket buffer; after this long a send to it gives up, so
 // that a grid broadcast does not stall every other client behind it.
@@ -77,7 +82,6 @@ Server g_srv;
 DbgRepeat g_shortRequest;
 DbgRepeat g_unknownCommand;
 DbgRepeat g_badSelector;
-DbgRepeat g_providerCommand;
 
 uint32_t get32(const uint8_t* p) {
     return static_cast<uint32_t>(p[0]) | (static_cast<uint32_t>(p[1]) << 8) |
@@ -144,6 +148,31 @@ void grid_request(int16_t selector) {
         send_to_slot(s, head, sizeof head, payload, sizeof payload);
 }
 
+void put16(uint8_t* p, uint16_t v) {
+    p[0] = static_cast<uint8_t>(v & 0xFF);
+    p[1] = static_cast<uint8_t>(v >> 8);
+}
+
+// The autofocus as the frame loop left it, for a tuning view: single bytes and words the main
+// thread writes, read here without a lock like every flag shared between the daemon's threads.
+void status_request(ClientSlot& slot) {
+    uint8_t head[kHeaderSize] = {};
+    put32(head, kCmdStatus);
+    put32(head + 4, kStatusBytes);
+    uint8_t st[kStatusBytes] = {};
+    st[0] = g_afState;
+    st[1] = static_cast<uint8_t>(g_search.searchPhase);
+    st[2] = static_cast<uint8_t>(g_search.searchDir);
+    st[3] = command_autofocus_mode();
+    put32(st + 4, g_focusValue.fvHist[0]);
+    put16(st + 8, lens_get_zoom_pos());
+    put16(st + 10, lens_get_focus_pos());
+    put16(st + 12, iris_get_value());
+    st[14] = iris_get_mode();
+    st[15] = command_calibration_mode();
+    send_to_slot(slot, head, sizeof head, st, sizeof st);
+}
+
 void execute(ClientSlot& slot, const uint8_t* req) {
     const uint32_t command = get32(req);
     const uint32_t flag = get32(req + 4);
@@ -161,11 +190,8 @@ void execute(ClientSlot& slot, const uint8_t* req) {
             set_filter_param(static_cast<uint8_t>(p4 & 0xFF), static_cast<uint8_t>(p5 & 0xFF),
                              static_cast<uint16_t>(p0), static_cast<uint16_t>(p1));
             break;
-        case kCmdProvider:
-            // The result this asks for comes from a component the camera does not have; waiting
-            // for it would hang the client thread for good.
-            dbg_err_limited(g_providerCommand, kFile, kFunc, 0,
-                            "command 3 has no provider here, ignored\n");
+        case kCmdStatus:
+            status_request(slot);
             break;
         case kCmdFocus:
             if (flag == 1) {
@@ -388,5 +414,4 @@ void tuning_server_stop_for_testing() {
     g_shortRequest.reset();
     g_unknownCommand.reset();
     g_badSelector.reset();
-    g_providerCommand.reset();
 }

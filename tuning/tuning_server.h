@@ -20,7 +20,13 @@
 //      picture as the viewer sees it) and sent to EVERY connected client as a 24-byte header
 //      {u32 2, u32 900, 16 zero bytes} followed by the 900 bytes. Another selector: no reply.
 //   2  set_filter_param(A = low byte of p4, B = low byte of p5, C = p0, D = p1), no reply
-//   3  asks for a result no component of this daemon provides: ignored (logged), no reply
+//   3  autofocus status, to the requester: header {u32 3, u32 16, 16 zero bytes}, then
+//        0 u8 AF state (0 start, 1 searching, 2 focused)   1 u8 search phase (1 coarse, 2 climb,
+//        3 fine, 4 final, 8 region, 9 finished)   2 u8 search direction (1 nearer, 2 farther)
+//        3 u8 autofocus mode (0 off, 1..3)   4 u32 focus value of the last AF frame
+//        8 u16 zoom position   10 u16 focus position   12 u16 iris value
+//        14 u8 iris mode (1 automatic)   15 u8 calibration mode (0 none)
+//      Nothing else on the camera provides this result; the record is this daemon's answer.
 //   4  flag 1: 24 bytes to the requester, u32 4, u16 focus position, 18 zero bytes;
 //      any other flag: no reply
 //   other commands are ignored (logged), no reply.

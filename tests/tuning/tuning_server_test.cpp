@@ -22,9 +22,13 @@
 #include <thread>
 #include <vector>
 
+#include "af/af_state.h"
+#include "base/af_status.h"
+#include "base/command_state.h"
 #include "isp/af_stat.h"
 #include "isp/isp_inputs.h"
 #include "isp/isp_link.h"
+#include "lens_api/iris.h"
 #include "lens_api/lens_position.h"
 #include "platform/paths.h"
 #include "platform/ports.h"
@@ -270,12 +274,38 @@ TEST_F(TuningServerTest, FilterCommandWritesTheParametersIntoTheIspRecord) {
               (Bytes{0xFE, 0xFF, 0x2C, 0x01, 0x34, rec[231], 0x56, rec[233]}));
 }
 
+TEST_F(TuningServerTest, StatusCommandReportsTheAutofocusToTheRequester) {
+    const uint16_t port = start_server();
+    Client c(port), other(port);
+    g_afState = 1;
+    g_search.searchPhase = 3;
+    g_search.searchDir = 2;
+    g_focusValue.fvHist[0] = 0x01020304;
+    command_set_autofocus_mode(2);
+    command_set_calibration_mode(4);
+    iris_set_mode(0);
+    iris_note_driven(0x0777);
+    c.send({.command = 3});
+    const Bytes head = c.read(24);
+    const Bytes st = c.read(16);
+    EXPECT_EQ(head,
+              (Bytes{3, 0, 0, 0, 16, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(st, (Bytes{1, 3, 2, 2, 4, 3, 2, 1, 0x88, 0x13, 0x1B, 0x0A, 0x77, 0x07, 0, 4}));
+    other.send(kFocusRead);  // the status went to the requester only
+    expect_focus_reply(other);
+    focus_value_reset_for_testing();
+    command_set_autofocus_mode(1);
+    command_set_calibration_mode(0);
+    iris_reset_for_testing();
+    g_afState = 0;
+}
+
 TEST_F(TuningServerTest, RequestsWithoutReplyAreAnsweredByNothing) {
     Client c(start_server());
     for (const Request& r :
-         {Request{.command = 0}, Request{.command = 3}, Request{.command = 4, .flag = 0},
-          Request{.command = 4, .flag = 2}, Request{.command = 77}, Request{.command = 1, .p0 = 8},
-          Request{.command = 1, .p0 = 9}, Request{.command = 1, .p0 = -1}}) {
+         {Request{.command = 0}, Request{.command = 4, .flag = 0}, Request{.command = 4, .flag = 2},
+          Request{.command = 77}, Request{.command = 1, .p0 = 8}, Request{.command = 1, .p0 = 9},
+          Request{.command = 1, .p0 = -1}}) {
         c.send(r);
         c.send(kFocusRead);
         expect_focus_reply(c);
