@@ -55,25 +55,17 @@ bool wait_until(const std::function<bool()>& cond) {
 }
 
 struct Request {
-    uint32_t command = 0;
-    uint32_t flag = 0;
-    int16_t p0 = 0, p1 = 0, p2 = 0, p3 = 0;
+    uint32_t command = 0, flag = 0;
+    int16_t p0 = 0, p1 = 0;
     uint16_t p4 = 0, p5 = 0;
 
     Bytes bytes() const {
         Bytes b(24, 0);
-        auto put = [&b](size_t off, uint32_t v, int n) {
-            for (int i = 0; i < n; ++i)
-                b[off + i] = static_cast<uint8_t>(v >> (8 * i));
-        };
-        put(0, command, 4);
-        put(4, flag, 4);
-        put(8, static_cast<uint16_t>(p0), 2);
-        put(10, static_cast<uint16_t>(p1), 2);
-        put(12, static_cast<uint16_t>(p2), 2);
-        put(14, static_cast<uint16_t>(p3), 2);
-        put(16, p4, 2);
-        put(18, p5, 2);
+        const uint32_t v[] = {command, flag, uint16_t(p0), uint16_t(p1), 0, 0, p4, p5};
+        const size_t off[] = {0, 4, 8, 10, 12, 14, 16, 18};
+        for (int f = 0; f < 8; ++f)
+            for (size_t k = 0; k < (f < 2 ? 4u : 2u); ++k)
+                b[off[f] + k] = static_cast<uint8_t>(v[f] >> (8 * k));
         return b;
     }
 };
@@ -300,25 +292,28 @@ TEST_F(TuningServerTest, StatusCommandReportsTheAutofocusToTheRequester) {
     g_afState = 0;
 }
 
-TEST_F(TuningServerTest, RequestsWithoutReplyAreAnsweredByNothing) {
-    Client c(start_server());
-    for (const Request& r :
-         {Request{.command = 0}, Request{.command = 4, .flag = 0}, Request{.command = 4, .flag = 2},
-          Request{.command = 77}, Request{.command = 1, .p0 = 8}, Request{.command = 1, .p0 = 9},
-          Request{.command = 1, .p0 = -1}}) {
+TEST_F(TuningServerTest, MalformedAndReplylessRequestsAreAnsweredByNothing) {
+    const uint16_t port = start_server();
+    Client c(port);
+    for (const Request& r : {Request{.command = 0}, Request{.command = 4, .flag = 0},
+                             Request{.command = 4, .flag = 2}, Request{.command = 77},
+                             Request{.command = 1, .p0 = 8}, Request{.command = 1, .p0 = -1}}) {
         c.send(r);
         c.send(kFocusRead);
         expect_focus_reply(c);
     }
-}
-
-TEST_F(TuningServerTest, ARequestSplitAcrossSegmentsIsReadWhole) {
-    Client c(start_server());
-    const Bytes req = kFocusRead.bytes();
-    c.send_raw(Bytes(req.begin(), req.begin() + 10));
-    ASSERT_FALSE(c.has_data(20));
-    c.send_raw(Bytes(req.begin() + 10, req.end()));
+    {
+        // Garbage of unknown commands (a grid reply to everyone would be a right answer), ending
+        // mid-request.
+        Client bad(port);
+        Bytes junk(24 * 40 + 5);
+        for (size_t i = 0; i < junk.size(); ++i)
+            junk[i] = static_cast<uint8_t>(i % 24 == 3 ? 0xFF : i * 37 + 11);
+        bad.send_raw(junk);
+    }
+    c.send(kFocusRead);
     expect_focus_reply(c);
+    ASSERT_TRUE(wait_until([] { return tuning_clients_in_use() == 1; }));
 }
 
 TEST_F(TuningServerTest, SixthClientWaitsForAFreeSlot) {
@@ -345,9 +340,15 @@ TEST_F(TuningServerTest, SixthClientWaitsForAFreeSlot) {
     }
 }
 
-TEST_F(TuningServerTest, ClientLeavingMidRequestFreesItsSlotAndOthersGoOn) {
+TEST_F(TuningServerTest, RequestsAreReadWholeAndALeavingClientFreesItsSlot) {
     const uint16_t port = start_server();
     Client stays(port);
+    // A request split across segments is one request.
+    const Bytes focus = kFocusRead.bytes();
+    stays.send_raw(Bytes(focus.begin(), focus.begin() + 10));
+    ASSERT_FALSE(stays.has_data(20));
+    stays.send_raw(Bytes(focus.begin() + 10, focus.end()));
+    expect_focus_reply(stays);
     {
         Client leaves(port);
         ASSERT_TRUE(wait_until([] { return tuning_clients_in_use() == 2; }));
@@ -362,25 +363,6 @@ TEST_F(TuningServerTest, ClientLeavingMidRequestFreesItsSlotAndOthersGoOn) {
     Client next(port);
     next.send(kFocusRead);
     expect_focus_reply(next);
-}
-
-TEST_F(TuningServerTest, GarbageFromOneClientLeavesTheOthersServed) {
-    const uint16_t port = start_server();
-    Client good(port);
-    {
-        Client bad(port);
-        Bytes junk(24 * 40 + 5);
-        for (size_t i = 0; i < junk.size(); ++i)
-            junk[i] = static_cast<uint8_t>(i * 37 + 11);
-        // Unknown commands only: a grid reply to everyone would be a correct answer.
-        for (size_t i = 3; i < junk.size(); i += 24)
-            junk[i] = 0xFF;
-        bad.send_raw(junk);
-        bad.send_raw(Request{.command = 1, .p0 = 12345}.bytes());
-    }
-    good.send(kFocusRead);
-    expect_focus_reply(good);
-    ASSERT_TRUE(wait_until([] { return tuning_clients_in_use() == 1; }));
 }
 
 }  // namespace
