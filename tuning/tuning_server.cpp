@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <pthread.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
@@ -82,6 +83,7 @@ Server g_srv;
 DbgRepeat g_shortRequest;
 DbgRepeat g_unknownCommand;
 DbgRepeat g_badSelector;
+DbgRepeat g_sendFailed;
 
 uint32_t get32(const uint8_t* p) {
     return static_cast<uint32_t>(p[0]) | (static_cast<uint32_t>(p[1]) << 8) |
@@ -100,29 +102,34 @@ bool switch_file_present() {
     return p.ok() && access(p.c_str(), F_OK) == 0;
 }
 
-// Sends all of buf; a failure is not reported (the client's own thread notices a dead peer).
-void send_all(int fd, const uint8_t* buf, size_t len) {
+// Sends all of buf. False when the client is gone or has stopped reading (send timeout).
+bool send_all(int fd, const uint8_t* buf, size_t len) {
     while (len > 0) {
         const ssize_t n = send(fd, buf, len, MSG_NOSIGNAL);
         if (n < 0 && errno == EINTR)
             continue;
         if (n <= 0)
-            return;
+            return false;
         buf += n;
         len -= static_cast<size_t>(n);
     }
+    return true;
 }
 
 // One transfer to a client: the header, then the payload if any, under the client's send lock.
+// A transfer cut short would leave the client's stream out of step for good, so a client that
+// cannot take one is disconnected; its own thread then ends and frees the slot.
 void send_to_slot(ClientSlot& s, const uint8_t* head, size_t head_len, const uint8_t* payload,
                   size_t payload_len) {
     std::lock_guard<std::mutex> lk(s.send_lock);
     const int fd = s.sockfd.load();
     if (!s.in_use.load() || fd < 0)
         return;
-    send_all(fd, head, head_len);
-    if (payload_len > 0)
-        send_all(fd, payload, payload_len);
+    if (!send_all(fd, head, head_len) || (payload_len > 0 && !send_all(fd, payload, payload_len))) {
+        dbg_err_limited(g_sendFailed, kFile, kFunc, 0, "client %d not reachable, disconnected\n",
+                        s.index);
+        shutdown(fd, SHUT_RDWR);
+    }
 }
 
 void grid_request(int16_t selector) {
@@ -330,6 +337,10 @@ void* win_socket(void*) {
         }
         const timeval send_timeout{kSendTimeoutS, 0};
         setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &send_timeout, sizeof send_timeout);
+        // A reply is a header and a payload in two sends: without this the payload waits for
+        // the client's delayed acknowledgement of the header, some 40 ms per grid.
+        const int one = 1;
+        setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
         char addr[INET_ADDRSTRLEN] = "?";
         inet_ntop(AF_INET, &slot->addr.sin_addr, addr, sizeof addr);
         std::printf("accept success\n");
@@ -414,4 +425,5 @@ void tuning_server_stop_for_testing() {
     g_shortRequest.reset();
     g_unknownCommand.reset();
     g_badSelector.reset();
+    g_sendFailed.reset();
 }

@@ -34,7 +34,8 @@
 // Robustness: a request is read until all 24 bytes have arrived (TCP may split it); a client that
 // disconnects part-way through a request has the partial request dropped and its slot freed. The
 // transfers to one client never interleave (one send lock per client), and a client that stops
-// reading is given up on after a send timeout instead of holding up the other clients' threads.
+// reading is disconnected after a send timeout (2 s) instead of holding up the other clients'
+// threads.
 // Malformed requests are logged (rate-limited) and never end the server.
 #pragma once
 

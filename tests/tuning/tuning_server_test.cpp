@@ -74,6 +74,8 @@ const Request kFocusRead{.command = 4, .flag = 1};
 class Client {
   public:
     explicit Client(uint16_t port) : fd_(socket(AF_INET, SOCK_STREAM, 0)) {
+        const int small = 4096;  // fills quickly when the client does not read
+        setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
         sockaddr_in a{};
         a.sin_family = AF_INET;
         a.sin_port = htons(port);
@@ -314,6 +316,22 @@ TEST_F(TuningServerTest, MalformedAndReplylessRequestsAreAnsweredByNothing) {
     c.send(kFocusRead);
     expect_focus_reply(c);
     ASSERT_TRUE(wait_until([] { return tuning_clients_in_use() == 1; }));
+}
+
+TEST_F(TuningServerTest, AClientThatStopsReadingIsDisconnectedNotWaitedFor) {
+    const uint16_t port = start_server();
+    Client reader(port), stalled(port);
+    ASSERT_TRUE(wait_until([] { return tuning_clients_in_use() == 2; }));
+    // The stalled client never reads: once its buffers are full, the grids broadcast to it
+    // would block the reader's thread for good.
+    for (int i = 0; i < 20000 && tuning_clients_in_use() == 2; ++i) {
+        reader.send({.command = 1, .p0 = 6});
+        ASSERT_EQ(reader.read(24), kGridHeader) << "request " << i;
+        ASSERT_EQ(reader.read(900).size(), 900u);
+    }
+    EXPECT_EQ(tuning_clients_in_use(), 1);
+    reader.send(kFocusRead);
+    expect_focus_reply(reader);
 }
 
 TEST_F(TuningServerTest, SixthClientWaitsForAFreeSlot) {
