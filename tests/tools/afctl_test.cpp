@@ -122,6 +122,9 @@ class FakeDaemon {
                 r.insert(r.end(), {5, 5});
                 to_sender = n >= 4 && req[2] == 0xAA && req[3] == 0x55;
                 break;
+            case 2:
+                r.insert(r.end(), {0, 9});
+                break;
             case 5:
                 r.insert(r.end(), {20, 4, 27});
                 break;
@@ -234,6 +237,8 @@ TEST_F(AfctlTest, ReadsAskTheRightQuestionAndShowTheAnswer) {
         {"calib status", {'r', 3, 0xAA, 0x55}, "last command hall, mode hall"},
         {"modes", {'r', 5}, "mode 20, big 4, little 27"},
         {"counter", {'r', 20}, "counter: 0"},
+        {"iris", {'r', 2}, "iris: fixed, step 9"},
+        {"--json ezoom", {'r', 13}, "{\"electronic_zoom\":\"enabled\"}"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.args);

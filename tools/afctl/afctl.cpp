@@ -73,12 +73,14 @@ constexpr const char* kUsage =
     "  (exit 1) when the daemon would ignore the command; --force sends it anyway.\n"
     "settings:\n"
     "  af --mode off|continuous|once|one-shot\n"
+    "  iris                        iris control record (read 2)\n"
     "  iris --auto | --step 0-12 | --set VALUE | --move DELTA\n"
     "  zone --type 1-4 | region --preset 0-3\n"
     "  range --near 0-11 --far 0-11 (far >= near) | range --default\n"
     "  calib curve|curve-full|curve-ref|iris|hall [--wait]   (--wait: progress, result)\n"
     "  calib offsets               reload the calibration-offset file\n"
     "  reset | pause | resume | pt-move | pt-stop\n"
+    "  ezoom                       electronic zoom enabled? (read 13)\n"
     "  ezoom --enable|--disable | ezoom --max 0-1012\n"
     "  assist --on|--off | sensor N | param INDEX VALUE | roi X Y W H\n"
     "  daynight --set ENABLE UPPER LOWER [--id 4|15]\n"
@@ -610,6 +612,14 @@ int cmd_iris(const Options& o) {
     bool bad = false;
     long v = 0;
     uint8_t d[16] = {'w'};
+    if (o.args.size() == 1) {
+        const std::vector<uint8_t> r = read_request(o, 2, 4);
+        if (r.empty())
+            return no_answer(2);
+        std::printf(o.json ? "{\"mode\":\"%s\",\"step\":%u}\n" : "iris: %s, step %u\n",
+                    r[2] ? "auto" : "fixed", r[3]);
+        return 0;
+    }
     if (has(o, "--auto")) {
         d[1] = 2;
         d[2] = 1;
@@ -764,6 +774,15 @@ int cmd_ezoom(const Options& o) {
     const bool to = !max && opt_value(o, "--to", 0, kMaxEzoom, &v, &bad);
     if (bad)
         return kExitUsage;
+    if (o.args.size() == 1) {
+        const std::vector<uint8_t> e = read_request(o, 13, 4);
+        if (e.empty())
+            return no_answer(13);
+        const bool on = afdata::get_u16(e.data() + 2) != 0;
+        std::printf(o.json ? "{\"electronic_zoom\":\"%s\"}\n" : "electronic zoom: %s\n",
+                    on ? "enabled" : "disabled");
+        return 0;
+    }
     const int kinds = (has(o, "--enable") ? 1 : 0) + (has(o, "--disable") ? 1 : 0) + (max ? 1 : 0) +
                       (has(o, "--to") ? 1 : 0);
     if (kinds != 1)
