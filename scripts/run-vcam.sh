@@ -11,7 +11,7 @@
 #
 # On the virtual clock vcam delivers frames as fast as the daemon takes them: thousands per second,
 # each with a line of ground truth. The telemetry therefore goes through a pipe to a thinning
-# reader that keeps at most AFD_TELEMETRY_LINES lines (default 6000) spread evenly over the run,
+# reader that keeps 1 to 2 x AFD_TELEMETRY_LINES lines (default 3000) spread evenly over the run,
 # plus the last one, and counts the rest; AFD_TELEMETRY_LINES=0 keeps every line.
 #
 # Environment: AFD_SANDBOX (sandbox directory), VCAM_MODE (virtual or real), VCAM_HW (emulated
@@ -25,7 +25,7 @@ mode="${VCAM_MODE:-virtual}"
 
 cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build build -j "$(nproc)" --target afd afctl vcam telemetry_plot
-keep_lines="${AFD_TELEMETRY_LINES:-6000}"
+keep_lines="${AFD_TELEMETRY_LINES:-3000}"
 
 sandbox="${AFD_SANDBOX:-$PWD/sandbox}"
 rm -rf "$sandbox/run" "$sandbox/dev"
