@@ -95,6 +95,10 @@ js("$('af-off').click()")
 wait("autofocus switched off", "$('af-mode').textContent === 'off'")
 js("$('focus-go').click()")
 wait("the lens focuses to 2500", "$('lens').textContent.endsWith('/ 2500')")
+# A zoom command moves the zoom position the page shows.
+js("$('zoom-target').value = 3000; $('zoom-speed').value = 7; $('zoom-go').click()")
+wait("the zoom shown moves to 3000",
+     "Math.abs(Number($('lens').textContent.split(' / ')[0]) - 3000) <= 5", seconds=60)
 
 js("$('fa').value = 5; $('fb').value = 6; $('fc').value = 90; $('fd').value = -70;"
    " $('filter-go').click()")
