@@ -92,19 +92,6 @@ void focused_range_reset() {
 void watch_set_reference_windows() {}
 void watch_clear_reference_mask() {}
 
-// ---- Block peak map, region search and region checks ----
-void update_peak_map(uint8_t) {}
-void unlocked_region_check() {}
-void locked_region_check() {}
-void start_region_search() {}
-void region_search(uint8_t) {}
-
-void confirm_centre_region() {
-    g_search.hitLower = 0;
-    g_search.hitUpper = 0;
-    g_afState = 2;
-}
-
 void af_seams_reset_for_testing() {
     seam_state_reset();
     watch_state_reset();

@@ -12,6 +12,7 @@
 
 #include "af/af_seams.h"
 #include "af/af_state.h"
+#include "af/block_regions.h"
 #include "af/focus_zone.h"
 #include "base/command_state.h"
 #include "base/frame_pacing.h"
@@ -869,6 +870,7 @@ void af_reset_for_testing() {
     contrast_search_reset_for_testing();
     fine_scan_reset_for_testing();
     af_seams_reset_for_testing();
+    block_regions_reset_for_testing();
     scene_clear_result();
     fh_reset_for_testing();
     SetSearchBounds();
