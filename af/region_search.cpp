@@ -19,7 +19,6 @@
 #include "isp/highlight.h"
 #include "isp/isp_link.h"
 #include "lens_api/lens_position.h"
-#include "platform/clock.h"
 
 RegionSearchState g_regionSearch;
 
@@ -381,8 +380,8 @@ void start_region_search() {
     if (!(af_zoom() > 500 && g_seams.currentDistance < 201) &&
         g_focusValue.posHist[0] > af_focus()) {
         // The lens came down to the subject: the blocks that got sharper on the way are it.
-        platform::sleep_us(33000);
-        af_stat_fetch(1);
+        if (Get_ISP_VD() == 0)
+            af_stat_fetch(1);
         uint32_t now[kGridBlocks];
         af_stat_grid_by_kind(now, 4);
         uint8_t marks[kGridBlocks] = {};
