@@ -54,19 +54,6 @@ uint8_t centre_has_signal() {
     return 0;
 }
 
-// ---- Highlight (point-light) scenes ----
-uint8_t SceneHasDetail() {
-    return 1;
-}
-bool IsDarkFlat(const uint32_t*) {
-    return false;
-}
-void PointLightRecord(uint8_t) {}
-void ChooseStartZone() {}
-void point_light_start_zone_low_light() {}
-void point_light_rearm_watch(uint8_t) {}
-void point_light_clear_series() {}
-
 // ---- Tracking-region focus ----
 void ResetTrackBounds() {}
 

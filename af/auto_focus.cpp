@@ -14,6 +14,7 @@
 #include "af/af_state.h"
 #include "af/block_regions.h"
 #include "af/focus_zone.h"
+#include "af/highlight_scene.h"
 #include "base/command_state.h"
 #include "base/frame_pacing.h"
 #include "isp/af_stat.h"
@@ -394,10 +395,13 @@ void start_search() {
     restart_preparation();
     clear_trend_series();
     point_light_clear_series();
+    PointLightRecord(0);
     g_search.framesInDir = 0;
     uint32_t grid[kGridBlocks];
     af_stat_grid_by_kind(grid, 4);
     g_seams.plSeriesArmed = IsDarkFlat(grid) ? 1 : 0;
+    if (g_seams.plSeriesArmed)
+        point_light_build_lists();
     PushRestartReason(g_search.restartReason);
     if (g_search.restartReason != 1)
         g_sceneResult.event = kObjectNon;
@@ -871,6 +875,7 @@ void af_reset_for_testing() {
     fine_scan_reset_for_testing();
     af_seams_reset_for_testing();
     block_regions_reset_for_testing();
+    point_light_reset_for_testing();
     scene_clear_result();
     fh_reset_for_testing();
     SetSearchBounds();
