@@ -21,7 +21,7 @@ Two reference searches run on the same scene (vcam alone, the lens driven by a s
           seeing each position `latency` frames after commanding it: the frames it needs to reach
           the peak and see a fall past it (the speed bound); ratio = daemon frames / oracle frames
 
-  tools/afbench.py [--build build] [--suite daylight|library|all] [--only SUBSTR]
+  tools/afbench.py [--build build] [--suite daylight|library|all|night] [--only SUBSTR]
                    [--seconds 30] [--json out.json] [--out DIR]
 
 One SVG per case (lens focus vs true in-focus position, centre sharpness) is drawn with
@@ -86,6 +86,18 @@ LIBRARY = [
     ("lib-dusk_two_depths", "dusk_two_depths.yaml", {}),
     ("lib-night_lamps", "night_lamps.yaml", {}),
 ]
+# Night and dusk scenes for the highlight and block-region rules, each at two zooms; not part of
+# "all", so that suite stays comparable across changes.
+NIGHT = [(f"night-{n}-z{z}", f, dict(ov, zoom=z)) for n, f, ov in [
+    ("lamps-near", "night_lamps_near.yaml", {"offset": -150}),
+    ("lamps-far", "night_lamps_far.yaml", {"offset": +120}),
+    ("lamps-sign", "night_lamps_sign.yaml", {"offset": -150}),
+    ("backlit", "night_backlit.yaml", {"offset": +150}),
+    ("dim-centre", "dusk_dim_centre.yaml", {"offset": +150}),
+    ("lowcontrast-wall", "night_lowcontrast_wall.yaml", {"offset": -150}),
+    ("lib-night_lamps", "night_lamps.yaml", {}),
+    ("lib-offcentre_before_facade", "offcentre_before_facade.yaml", {}),
+] for z in (3200, 5000)]
 # focus_sweep.yaml and pan_and_zoom_sweep.yaml script the lens themselves: they exercise vcam,
 # not the autofocus, and are left out.
 
@@ -733,7 +745,7 @@ def main():
     ap = argparse.ArgumentParser(description=__doc__,
                                  formatter_class=argparse.RawDescriptionHelpFormatter)
     ap.add_argument("--build", default=os.path.join(ROOT, "build"))
-    ap.add_argument("--suite", choices=["daylight", "library", "all"], default="all")
+    ap.add_argument("--suite", choices=["daylight", "library", "all", "night"], default="all")
     ap.add_argument("--only", help="run only the cases whose name contains this")
     ap.add_argument("--seconds", type=float, default=30.0, help="virtual seconds per case")
     ap.add_argument("--mode", default="continuous", choices=["continuous", "once"],
@@ -749,7 +761,8 @@ def main():
     ap.add_argument("--out", help="directory for the SVG plots (default: a new temporary one)")
     a = ap.parse_args()
     cases = (DAYLIGHT if a.suite in ("daylight", "all") else []) + \
-            (LIBRARY if a.suite in ("library", "all") else [])
+            (LIBRARY if a.suite in ("library", "all") else []) + \
+            (NIGHT if a.suite == "night" else [])
     if a.only:
         cases = [c for c in cases if a.only in c[0]]
     if a.seeds > 1:  # run k: noise seed k, trigger (k - 1) % 3 frames later
