@@ -50,10 +50,6 @@ void refill_window_history(uint32_t rows[5][kWindowCount]) {
 
 void distance_assist_refresh() {}
 
-uint8_t centre_has_signal() {
-    return 0;
-}
-
 // ---- Tracking-region focus ----
 void ResetTrackBounds() {}
 

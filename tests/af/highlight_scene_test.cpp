@@ -67,6 +67,23 @@ TEST_F(HighlightSceneTest, DetailTestSeesTextureOrSharpBlocksAwayFromTheLights) 
     EXPECT_EQ(SceneHasDetail(), 1);
 }
 
+TEST_F(HighlightSceneTest, CentreSignalFromHorizontalDetailOrTheCentreWindow) {
+    StatFrame f;
+    f.all(100).fetch();
+    set_windows(0, 300);
+    EXPECT_EQ(centre_has_signal(), 0);
+    g_focusValue.winHist[0][12] = 301;
+    EXPECT_EQ(centre_has_signal(), 1);
+    g_focusValue.winHist[0][12] = 300;
+    f.put(kAfStatFirHOffset, 9 * 15 + 9, 801), f.put(kAfStatIir2Offset, 9 * 15 + 9, 801);
+    f.fetch();
+    EXPECT_EQ(centre_has_signal(), 1);
+    f.put(kAfStatFirHOffset, 9 * 15 + 9, 800), f.put(kAfStatIir2Offset, 9 * 15 + 9, 800);
+    f.put(kAfStatFirHOffset, 10 * 15 + 9, 5000), f.put(kAfStatIir2Offset, 10 * 15 + 9, 5000);
+    f.fetch();
+    EXPECT_EQ(centre_has_signal(), 0) << "row 10 is outside the middle";
+}
+
 TEST_F(HighlightSceneTest, DarkFlatNeedsNearlyAllBlocksDimAndNoneBright) {
     uint32_t grid[225];
     for (uint32_t& v : grid)
