@@ -105,6 +105,8 @@ void falling(BlockPeak& e, const Curve& c) {
 }
 
 void normal_light_update() {
+    // With the point-light zone flag set (the scene has detail outside its lights) only the
+    // middle of the picture is judged; otherwise nearly all of it.
     const int lo = g_seams.pointLightZone ? 4 : 1;
     const int hi = g_seams.pointLightZone ? 12 : 14;
     for (int r = lo; r < hi; ++r)

@@ -97,7 +97,11 @@ NIGHT = [(f"night-{n}-z{z}", f, dict(ov, zoom=z)) for n, f, ov in [
     ("lowcontrast-wall", "night_lowcontrast_wall.yaml", {"offset": -150}),
     ("lib-night_lamps", "night_lamps.yaml", {}),
     ("lib-offcentre_before_facade", "offcentre_before_facade.yaml", {}),
-] for z in (3200, 5000)]
+] for z in (3200, 5000)] + [
+    # the same dim centre after a short zoom: the end of the search may look at the centre again
+    ("night-dim-centre-zoomed", "dusk_dim_centre.yaml",
+     {"zoom": 2800, "offset": +150, "actions": [(6.0, ["zoom", "--to", "3200", "--speed", "4"])]}),
+]
 # focus_sweep.yaml and pan_and_zoom_sweep.yaml script the lens themselves: they exercise vcam,
 # not the autofocus, and are left out.
 
