@@ -9,14 +9,9 @@
 #include "tracking/distance_table.h"
 
 SeamState g_seams;
-WatchState g_watch;
 
 void seam_state_reset() {
     g_seams = SeamState{};
-}
-
-void watch_state_reset() {
-    g_watch = WatchState{};
 }
 
 // ---- Distance assist and window refresh ----
@@ -64,16 +59,16 @@ bool AllReasonsTwo() {
 }
 
 // ---- Focused watch ----
-void FocusWatch(uint8_t) {}
-
-void focused_range_reset() {
-    g_watch.focusedRange[0] = lens_get_focus_max();
-    g_watch.focusedRange[1] = lens_get_focus_min();
-    g_watch.focusedRange[2] = lens_get_focus_max();
+uint8_t watch_distance_check() {
+    return 0;
 }
-
-void watch_set_reference_windows() {}
-void watch_clear_reference_mask() {}
+void watch_jump_check() {}
+void tracking_region_bounds(uint8_t* r0, uint8_t* r1, uint8_t* c0, uint8_t* c1) {
+    *r0 = 4;
+    *r1 = 11;
+    *c0 = 4;
+    *c1 = 11;
+}
 
 void af_seams_reset_for_testing() {
     seam_state_reset();

@@ -17,6 +17,8 @@
 #include "af/focus_zone.h"
 #include "isp/af_stat.h"
 #include "isp/highlight.h"
+#include "isp/isp_link.h"
+#include "lens_api/iris.h"
 #include "scene/grid_ops.h"
 #include "scene/scene_analyzer.h"
 
@@ -219,6 +221,24 @@ void point_light_clear_series() {
 
 void point_light_rearm_watch(uint8_t chances) {
     g_pointLight.watchChances = chances;
+}
+
+uint8_t point_light_take_chance() {
+    if (g_pointLight.watchChances == 0)
+        return 0;
+    --g_pointLight.watchChances;
+    return 1;
+}
+
+void point_light_exposure_watch() {
+    // Focused on lights, the picture's contrast says little; a new exposure or iris does: the
+    // lights' clipped discs change with it, so what looked sharp may not be.
+    if (g_pointLightMeasure == 0)
+        return;
+    if ((get_exp_gain_ratio() != g_search.startExposure ||
+         iris_get_value() != g_search.startIris) &&
+        point_light_take_chance())
+        g_refocusRequest = 1;
 }
 
 void PointLightZone() {

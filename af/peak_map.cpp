@@ -237,6 +237,10 @@ uint8_t neighbour_points_small(uint8_t row, uint8_t col) {
     return 0;
 }
 
+uint8_t peak_map_state(int block) {
+    return static_cast<uint8_t>(g_peakMap.map[block].state);
+}
+
 void update_peak_map(uint8_t mode) {
     switch (mode) {
         case 0:

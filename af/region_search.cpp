@@ -460,6 +460,11 @@ void region_search(uint8_t run) {
     }
 }
 
+uint8_t ended_by_region_search() {
+    // A region search that finishes focused leaves the phase at 8; any later search changes it.
+    return g_afState == 2 && g_search.searchPhase == 8 ? 1 : 0;
+}
+
 void enter_region_search() {
     S.savedPhase = g_search.searchPhase;
     S.savedDir = g_search.searchDir;

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "data/frame_stamp.h"
+#include "sim/activity.h"
 #include "sim/exposure.h"
 #include "sim/hw/lens_mechanics.h"
 #include "sim/isp_records.h"
@@ -72,6 +73,8 @@ class Camera {
     // long the daemon's start-up took. go must outlive the camera; null runs the timeline from
     // the first frame as usual.
     void hold_timeline_until(const std::atomic<bool>* go) { timeline_go_ = go; }
+    // Lens activity summary for long runs (not owned; nullptr: none).
+    void set_activity_log(ActivityLog* log) { activity_ = log; }
 
     void af_attr(uint8_t* out) const;
     void set_af_attr(const uint8_t* in);
@@ -96,6 +99,7 @@ class Camera {
     LensMechanics* mech_;
     AutoExposure ae_;
     Peripherals peripherals_{sc_};
+    ActivityLog* activity_ = nullptr;
     std::array<uint8_t, kAfAttrSize> attr_{};
     double profile_ = 0.0;
     double period_us_;

@@ -2,6 +2,7 @@
 // their series, the start-zone choice around connected lights, and the frame list that moves the
 // zone when a scene turns out to be lights only (or to have detail after all).
 #include "af/highlight_scene.h"
+#include "lens_api/iris.h"
 #include "tests/af/af_rules_fixture.h"
 
 namespace {
@@ -218,6 +219,24 @@ TEST_F(HighlightSceneTest, FrameListNarrowsToSharpWindowsWhenDetailKeepsShowing)
     EXPECT_EQ(selected(), (std::vector<int>{6, 8, 18}));
     EXPECT_EQ(g_seams.pointLightZone, 1);
     EXPECT_EQ(g_search.searchPhase, 3u) << "the fine scan looks again";
+}
+
+TEST_F(HighlightSceneTest, FocusedOnLightsAnIrisChangeRestartsTwiceAtMost) {
+    iris_reset_for_testing();
+    g_search.startExposure = get_exp_gain_ratio();
+    g_search.startIris = iris_get_value();
+    point_light_rearm_watch(2);
+    iris_note_driven(static_cast<uint16_t>(g_search.startIris + 100));
+    point_light_exposure_watch();
+    EXPECT_EQ(g_refocusRequest, 0) << "no point-light measure";
+    g_pointLightMeasure = 1;
+    for (int k = 0; k < 3; ++k) {
+        SCOPED_TRACE(k);
+        g_refocusRequest = 0;
+        point_light_exposure_watch();
+        EXPECT_EQ(g_refocusRequest, k < 2 ? 1 : 0);
+    }
+    iris_reset_for_testing();
 }
 
 }  // namespace
