@@ -45,23 +45,6 @@ void refill_window_history(uint32_t rows[5][kWindowCount]) {
 
 void distance_assist_refresh() {}
 
-uint8_t centre_has_signal() {
-    return 0;
-}
-
-// ---- Highlight (point-light) scenes ----
-uint8_t SceneHasDetail() {
-    return 1;
-}
-bool IsDarkFlat(const uint32_t*) {
-    return false;
-}
-void PointLightRecord(uint8_t) {}
-void ChooseStartZone() {}
-void point_light_start_zone_low_light() {}
-void point_light_rearm_watch(uint8_t) {}
-void point_light_clear_series() {}
-
 // ---- Tracking-region focus ----
 void ResetTrackBounds() {}
 
@@ -80,34 +63,11 @@ uint8_t watch_distance_check() {
     return 0;
 }
 void watch_jump_check() {}
-void point_light_exposure_watch() {}
-uint8_t point_light_take_chance() {
-    return 0;
-}
-uint8_t ended_by_region_search() {
-    return 0;
-}
 void tracking_region_bounds(uint8_t* r0, uint8_t* r1, uint8_t* c0, uint8_t* c1) {
     *r0 = 4;
     *r1 = 11;
     *c0 = 4;
     *c1 = 11;
-}
-
-// ---- Block peak map, region search and region checks ----
-void update_peak_map(uint8_t) {}
-uint8_t peak_map_state(int) {
-    return 0;
-}
-void unlocked_region_check() {}
-void locked_region_check() {}
-void start_region_search() {}
-void region_search(uint8_t) {}
-
-void confirm_centre_region() {
-    g_search.hitLower = 0;
-    g_search.hitUpper = 0;
-    g_afState = 2;
 }
 
 void af_seams_reset_for_testing() {

@@ -12,13 +12,16 @@
 
 #include "af/af_seams.h"
 #include "af/af_state.h"
+#include "af/block_regions.h"
 #include "af/focus_zone.h"
+#include "af/highlight_scene.h"
 #include "base/command_state.h"
 #include "base/frame_pacing.h"
 #include "isp/af_stat.h"
 #include "isp/frame_history.h"
 #include "isp/highlight.h"
 #include "isp/isp_link.h"
+#include "lens_api/iris.h"
 #include "lens_api/lens_position.h"
 #include "platform/clock.h"
 #include "scene/scene_analyzer.h"
@@ -414,10 +417,13 @@ void start_search() {
     restart_preparation();
     clear_trend_series();
     point_light_clear_series();
+    PointLightRecord(0);
     g_search.framesInDir = 0;
     uint32_t grid[kGridBlocks];
     af_stat_grid_by_kind(grid, 4);
     g_seams.plSeriesArmed = IsDarkFlat(grid) ? 1 : 0;
+    if (g_seams.plSeriesArmed)
+        point_light_build_lists();
     PushRestartReason(g_search.restartReason);
     if (g_search.restartReason != 1)
         g_sceneResult.event = kObjectNon;
@@ -454,7 +460,7 @@ void start_search() {
             g_search.searchPhase = 3;
         g_fine.startedFine = g_search.searchPhase == 3 ? 1 : 0;
         g_search.startExposure = get_exp_gain_ratio();
-        g_search.startIris = 0;
+        g_search.startIris = iris_get_value();
         // The distance-assisted jump and region search plug in here.
         if (g_sceneResult.event == kObjectConFar)
             g_search.upwardMarker = 1;
@@ -890,6 +896,8 @@ void af_reset_for_testing() {
     contrast_search_reset_for_testing();
     fine_scan_reset_for_testing();
     af_seams_reset_for_testing();
+    block_regions_reset_for_testing();
+    point_light_reset_for_testing();
     scene_clear_result();
     fh_reset_for_testing();
     SetSearchBounds();

@@ -14,6 +14,7 @@
 #include "af/af_seams.h"
 #include "af/af_state.h"
 #include "af/focus_zone.h"
+#include "af/highlight_scene.h"
 #include "isp/frame_history.h"
 #include "lens_api/lens_position.h"
 #include "scene/scene_analyzer.h"
@@ -749,6 +750,7 @@ void CoarseStep() {
         g_coarse.coarseStep = static_cast<int8_t>(step);
 
         // 6. Stop tests.
+        point_light_series_push();
         const uint8_t n = g_coarse.seriesN;
         const uint8_t tf = TrendOfRaw(g_coarse.seriesF, 5, 0.1f, 15.0f);
         const uint8_t tv = TrendOf(g_coarse.seriesV, n, 0.08f, 10.0f);
@@ -760,6 +762,13 @@ void CoarseStep() {
             g_search.searchPhase = 2;
             FlipDirection();
             fh_event_append(2, 3, af_focus());
+        } else if (const uint8_t light = point_light_series_trend(); light != 0) {
+            // The detail around the lights fades: the lens is moving away from them.
+            g_seams.plSeriesArmed = 0;
+            if (light == 2) {
+                FlipDirection();
+                fh_event_append(2, 3, af_focus());
+            }
         } else if (near_end_due() && end_test(false)) {
             end_reached(true, false);
         } else if (far_end_due() && end_test(false)) {

@@ -12,6 +12,7 @@
 #include "af/af_seams.h"
 #include "af/af_state.h"
 #include "af/focus_zone.h"
+#include "af/highlight_scene.h"
 #include "base/command_state.h"
 #include "base/frame_pacing.h"
 #include "isp/af_stat.h"
@@ -150,8 +151,11 @@ void refine_zone() {
         }
     }
     // 5. The highlight-scene frame list.
-    if (g_zoneType != 3)
+    if (g_zoneType != 3) {
         PointLightRecord(1);
+        if (point_light_no_detail_rule())
+            return;
+    }
     // 6. Block-level region checks.
     if (g_search.searchPhase != 9 && g_pointLightMeasure == 0 && g_zoneType != 3) {
         if (g_seams.trackLock) {

@@ -7,6 +7,7 @@
 #include "af/af_seams.h"
 #include "af/af_state.h"
 #include "af/focus_zone.h"
+#include "af/highlight_scene.h"
 #include "base/af_status.h"
 #include "isp/af_stat.h"
 #include "isp/highlight.h"
@@ -135,6 +136,7 @@ void PrepareWatch() {
     if (p < g_search.lowerBound || p > g_search.upperBound)
         return;
     // Whether the scene has detail outside its lights decides how the zone is chosen.
+    g_pointLight.refocusCause = g_search.refocusCause;
     g_seams.pointLightZone = SceneHasDetail();
     if (g_search.refocusCause == 1)
         g_search.startFresh = 1;

@@ -21,7 +21,7 @@ Two reference searches run on the same scene (vcam alone, the lens driven by a s
           seeing each position `latency` frames after commanding it: the frames it needs to reach
           the peak and see a fall past it (the speed bound); ratio = daemon frames / oracle frames
 
-  tools/afbench.py [--build build] [--suite daylight|library|all|scene] [--only SUBSTR]
+  tools/afbench.py [--build build] [--suite daylight|library|all|scene|night] [--only SUBSTR]
                    [--case NAME ...] [--seconds 30] [--json out.json] [--out DIR]
 
 The scene suite (--suite scene) runs scene changes after the first focus and scores each from
@@ -90,6 +90,22 @@ LIBRARY = [
     ("lib-offcentre_before_facade", "offcentre_before_facade.yaml", {}),
     ("lib-dusk_two_depths", "dusk_two_depths.yaml", {}),
     ("lib-night_lamps", "night_lamps.yaml", {}),
+]
+# Night and dusk scenes for the highlight and block-region rules, each at two zooms; not part of
+# "all", so that suite stays comparable across changes.
+NIGHT = [(f"night-{n}-z{z}", f, dict(ov, zoom=z)) for n, f, ov in [
+    ("lamps-near", "night_lamps_near.yaml", {"offset": -150}),
+    ("lamps-far", "night_lamps_far.yaml", {"offset": +120}),
+    ("lamps-sign", "night_lamps_sign.yaml", {"offset": -150}),
+    ("backlit", "night_backlit.yaml", {"offset": +150}),
+    ("dim-centre", "dusk_dim_centre.yaml", {"offset": +150}),
+    ("lowcontrast-wall", "night_lowcontrast_wall.yaml", {"offset": -150}),
+    ("lib-night_lamps", "night_lamps.yaml", {}),
+    ("lib-offcentre_before_facade", "offcentre_before_facade.yaml", {}),
+] for z in (3200, 5000)] + [
+    # the same dim centre after a short zoom: the end of the search may look at the centre again
+    ("night-dim-centre-zoomed", "dusk_dim_centre.yaml",
+     {"zoom": 2800, "offset": +150, "actions": [(6.0, ["zoom", "--to", "3200", "--speed", "4"])]}),
 ]
 # focus_sweep.yaml and pan_and_zoom_sweep.yaml script the lens themselves: they exercise vcam,
 # not the autofocus, and are left out.
@@ -929,9 +945,10 @@ def main():
     ap = argparse.ArgumentParser(description=__doc__,
                                  formatter_class=argparse.RawDescriptionHelpFormatter)
     ap.add_argument("--build", default=os.path.join(ROOT, "build"))
-    ap.add_argument("--suite", choices=["daylight", "library", "all", "scene"], default="all",
+    ap.add_argument("--suite", choices=["daylight", "library", "all", "scene", "night"],
+                    default="all",
                     help="all: daylight and library; scene: the scene-change suite (slow, run "
-                         "on its own)")
+                         "on its own); night: night and dusk scenes at two zooms")
     ap.add_argument("--only", help="run only the cases whose name contains this")
     ap.add_argument("--case", action="append",
                     help="run only this case (exact name; may be given more than once)")
@@ -953,6 +970,8 @@ def main():
             (LIBRARY if a.suite in ("library", "all") else [])
     if a.suite == "scene":
         cases = SCENE
+    if a.suite == "night":
+        cases = NIGHT
     if a.only:
         cases = [c for c in cases if a.only in c[0]]
     if a.case:
