@@ -46,6 +46,29 @@ int margin() {
     return g_watch.distanceMargin;
 }
 
+// The distance the decisions that move the lens go by: the median of the known readings among
+// the newest five, unknown while the newest is. A rangefinder's readings scatter by a few per cent,
+// which at the tele end is a depth of focus; the median lets a subject that really moved through
+// within two frames but not a single stray reading.
+uint16_t steady_distance() {
+    const uint8_t n = g_distance.historyCount;
+    if (n == 0 || !known(entry(1)))
+        return kDistanceUnknown;
+    uint16_t v[5];
+    uint8_t m = 0;
+    for (uint8_t k = 1; k <= 5 && k <= n; ++k)
+        if (known(entry(k)))
+            v[m++] = entry(k);
+    // Insertion sort of at most five values; the lower middle for an even count.
+    for (uint8_t i = 1; i < m; ++i)
+        for (uint8_t j = i; j > 0 && v[j - 1] > v[j]; --j) {
+            const uint16_t t = v[j];
+            v[j] = v[j - 1];
+            v[j - 1] = t;
+        }
+    return v[(m - 1) / 2];
+}
+
 // Tolerances of distance_still_valid: rows by distance band (from dMin), then by zoom (up to
 // zMax). A and B shrink by v, the stability level, except where the lens is too coarse for it.
 struct Tolerance {
@@ -105,7 +128,7 @@ void hand_to_region_search() {
 // old position (the next search drives it there first), 2 a farther subject with the lens still
 // at the old position, 3 the lens at neither. Needs both distances known.
 uint8_t compare_with_start(uint16_t d0, uint16_t d1) {
-    if (!known(d0) || !known(d1) || absdiff(g_distance.currentOffset, focus_offset(d0)) <= margin())
+    if (!known(d0) || !known(d1) || absdiff(focus_offset(d1), focus_offset(d0)) <= margin())
         return 0;
     const bool at_near = focus_near_low_end(d0, d1) != 0;
     const bool at_far = focus_near_high_end(d0, d1) != 0;
@@ -122,7 +145,7 @@ uint8_t compare_with_start(uint16_t d0, uint16_t d1) {
 // The lens calibration offset from a good focus at the wide end: the focus position less the
 // base curve and the distance's offset, kept within +-15 steps.
 void learn_calibration() {
-    const uint16_t d = g_seams.currentDistance;
+    const uint16_t d = steady_distance();
     const uint16_t z = af_zoom();
     if (!known(d) || g_search.noPeak != 0)
         return;
@@ -316,13 +339,14 @@ void refill_window_history(uint32_t rows[5][kWindowCount]) {
 void distance_assist_refresh() {
     refresh_window_mask(1);
     g_distance.stabilityCalls = 0;
-    g_distance.offsetAtStart = g_distance.currentOffset;
+    g_seams.distanceAtStart = steady_distance();
+    g_distance.offsetAtStart = focus_offset(g_seams.distanceAtStart);
 }
 
 void distance_start_jump() {
+    const uint16_t d = steady_distance();
     if (g_search.firstAfterZoom == 1 && distance_assist_active()) {
         scene_clear_result();
-        const uint16_t d = g_seams.currentDistance;
         const int f = af_focus();
         // A near distance the lens already stands short of is left to the search: the table is
         // least certain there and the sweep from the near side finds it quickly.
@@ -331,8 +355,8 @@ void distance_start_jump() {
             g_sceneResult.decision = 1;
     }
     // Also a decision the scene analysis or the watch's distance check left for this start.
-    if (g_sceneResult.decision == 1 && distance_assist_active() && known(g_seams.currentDistance)) {
-        move_to_distance(g_seams.currentDistance);
+    if (g_sceneResult.decision == 1 && distance_assist_active() && known(d)) {
+        move_to_distance(d);
         hand_to_region_search();
     }
 }
@@ -341,9 +365,8 @@ bool distance_search_shortcut() {
     if (!distance_assist_active())
         return false;
     const uint16_t d0 = g_seams.distanceAtStart;
-    const uint16_t d1 = g_seams.currentDistance;
-    if (!known(d0) || !known(d1) ||
-        absdiff(g_distance.currentOffset, g_distance.offsetAtStart) <= margin())
+    const uint16_t d1 = steady_distance();
+    if (!known(d0) || !known(d1) || absdiff(focus_offset(d1), g_distance.offsetAtStart) <= margin())
         return false;
     // With the lens still at the old distance's end, what the sweep measured so far belongs to the
     // old picture: go to the new distance and let the region search finish there. Otherwise the
@@ -356,7 +379,7 @@ bool distance_search_shortcut() {
         return true;
     }
     g_seams.distanceAtStart = d1;
-    g_distance.offsetAtStart = g_distance.currentOffset;
+    g_distance.offsetAtStart = focus_offset(d1);
     g_sceneResult.decision = 1;
     g_focusValue.posHist[0] = af_focus();
     move_to_distance(d1);
@@ -367,7 +390,7 @@ bool distance_search_shortcut() {
 }
 
 bool distance_flat_jump() {
-    const uint16_t d = g_seams.currentDistance;
+    const uint16_t d = steady_distance();
     if (!distance_assist_active() || !known(d))
         return false;
     if (af_zoom() > 6000 && SceneHasDetail() == 1)
@@ -409,7 +432,7 @@ uint8_t watch_distance_check(bool first) {
         return 0;
     uint8_t outcome = 0;
     if (!first || g_search.firstAfterZoom == 0)
-        outcome = compare_with_start(g_seams.distanceAtStart, g_seams.currentDistance);
+        outcome = compare_with_start(g_seams.distanceAtStart, steady_distance());
     if (outcome == 0) {
         if (first)
             learn_calibration();
@@ -425,7 +448,7 @@ uint8_t watch_distance_check(bool first) {
 
 void watch_jump_check() {
     g_seams.jumped = 0;
-    const uint16_t d1 = g_seams.currentDistance;
+    const uint16_t d1 = steady_distance();
     const uint16_t dj = g_distance.jumpDistance;
     if (known(d1) && absdiff(focus_offset(d1), focus_offset(dj)) <= margin())
         return;

@@ -187,15 +187,18 @@ TEST_F(DistanceAssistTest, WatchRestartsWhenTheSubjectCameNearerThanTheFocus) {
     set_distance_assist_mode(1);
     afrules::raw_frame(800, {}).fetch();
     g_seams.distanceAtStart = 3000;
-    feed({1000});
     g_search.firstAfterZoom = 0;
     struct Case {
+        std::initializer_list<uint16_t> readings;
         uint16_t focus;
         uint8_t state;
         const char* what;
     };
-    for (const Case& c : {Case{expected_focus(3000), 0, "lens still at the old distance"},
-                          Case{expected_focus(1000), 2, "the search followed the subject"}}) {
+    for (const Case& c :
+         {Case{{3000, 3000, 3000, 3000, 1000}, expected_focus(3000), 2, "one stray reading"},
+          Case{{1000, 1000}, expected_focus(3000), 0, "lens still at the old distance"},
+          Case{{}, expected_focus(1000), 2, "the search followed the subject"}}) {
+        feed(c.readings);
         watch_state_reset();
         scene_clear_result();
         g_afState = 2;
