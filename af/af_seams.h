@@ -1,8 +1,8 @@
-// Hooks of the autofocus parts that build on the core search: distance assist, highlight
-// (point-light) scenes, tracking-region focus, the focused watch and the block-level region
-// logic. The search calls them where they act; each is kept to the neutral behaviour of a
-// daylight scene with no distance input, no tracker and no point lights, so that the core search
-// runs end to end and the full rules can replace these bodies one by one.
+// Hooks of the autofocus parts that build on the core search: highlight (point-light) scenes,
+// the focused watch and the block-level region logic. The search calls them where they act; each
+// is kept to the neutral behaviour of a daylight scene with no point lights, so that the core
+// search runs end to end and the full rules can replace these bodies one by one. (Distance
+// assist: af/distance_assist.h; tracking-region focus: af/track_region.h.)
 #pragma once
 
 #include <cstdint>
@@ -37,7 +37,7 @@ struct SeamState {
     uint8_t trackLock = 0;
     uint8_t triggerKind = 0;
     uint8_t zoneResetCountdown = 0;
-    uint32_t reasons[3] = {};
+    uint32_t reasons[3] = {5, 5, 5};
     // Block peak map, region search and region checks.
     uint8_t dirHold = 0;
     uint8_t regionCollapseCount = 0;
@@ -46,18 +46,6 @@ struct SeamState {
 extern SeamState g_seams;
 // Back to the power-on values.
 void seam_state_reset();
-
-// ---- Distance assist and window refresh ----
-// 1 when distance assist is switched on and usable.
-uint8_t distance_assist_active();
-// Focus position the current distance should be in focus at.
-uint16_t expected_focus_now();
-// Refills the five window-history rows from the statistics frame ring over the zone's blocks
-// (outer blocks always included, excluded blocks never).
-void refill_window_history(uint32_t rows[5][kWindowCount]);
-void distance_assist_refresh();
-// 1 when the centre blocks still show a signal worth measuring at the far tele end.
-uint8_t centre_has_signal();
 
 // ---- Highlight (point-light) scenes ----
 uint8_t SceneHasDetail();
@@ -74,28 +62,15 @@ void point_light_start_zone_low_light();
 void point_light_rearm_watch(uint8_t chances);
 void point_light_clear_series();
 
-// ---- Tracking-region focus ----
-void ResetTrackBounds();
-void PushRestartReason(uint32_t reason);
-bool AllReasonsTwo();
-
 // ---- Focused watch ----
 // The watch itself is af/focus_watch.h; the watch's calls into the parts above that are not
 // built yet are these.
-// Distance assist at the first focused frame and on the motion-hint path: compares the distance
-// at the search start with the current one and may restart the search; 1 when it ended the frame.
-uint8_t watch_distance_check();
-// After a jump to the position of the current distance: whether that distance still holds once
-// the picture settled (may restart the search).
-void watch_jump_check();
 // Point-light exposure watch, run on the watch's frames before the rest of the watch.
 void point_light_exposure_watch();
 // Uses one of the point-light watch's chances to restart on an exposure change; 0: none left.
 uint8_t point_light_take_chance();
 // 1 when the search just ended through the region search.
 uint8_t ended_by_region_search();
-// Block rows and columns (first, last, inclusive) a tracking-region search looks at.
-void tracking_region_bounds(uint8_t* r0, uint8_t* r1, uint8_t* c0, uint8_t* c1);
 
 // ---- Block peak map, region search and region checks ----
 void update_peak_map(uint8_t mode);

@@ -13,8 +13,10 @@
 #include "af/af_seams.h"
 #include "af/af_state.h"
 #include "af/block_regions.h"
+#include "af/distance_assist.h"
 #include "af/focus_zone.h"
 #include "af/highlight_scene.h"
+#include "af/track_region.h"
 #include "base/command_state.h"
 #include "base/frame_pacing.h"
 #include "isp/af_stat.h"
@@ -366,7 +368,8 @@ void ChooseStartDirection() {
             g_search.searchDir = 1;
     }
     // 3. Distance assist: a subject nearer than the focus asks for larger positions.
-    if (distance_assist_active() && g_seams.distanceAtLastFocus < 3000 && p < expected_focus_now())
+    if (distance_assist_active() && g_seams.currentDistance != kDistanceUnknown &&
+        g_seams.distanceAtLastFocus < 3000 && p < expected_focus_now())
         g_search.searchDir = 2;
 }
 
@@ -461,13 +464,16 @@ void start_search() {
         g_fine.startedFine = g_search.searchPhase == 3 ? 1 : 0;
         g_search.startExposure = get_exp_gain_ratio();
         g_search.startIris = iris_get_value();
-        // The distance-assisted jump and region search plug in here.
+        distance_start_jump();
         if (g_sceneResult.event == kObjectConFar)
             g_search.upwardMarker = 1;
+        g_seams.jumped = 0;
         if (g_search.upwardMarker)
             g_search.searchDir = 2;
         g_search.upwardMarker = 0;
     }
+    // 5. A tracked region is the zone of its search.
+    track_region_to_zone();
     g_zoomChanged = 0;
     g_ptChanged = 0;
 }
@@ -534,6 +540,9 @@ void search_frame() {
         af_set_slow_divider(true);
         return;
     }
+    // 4. The subject moved in depth while the search ran.
+    if (distance_search_shortcut())
+        return;
     // 5. Region search frames.
     if (g_search.searchPhase == 8) {
         af_stat_copy_grid(StatGrid::kSharpV, g_focusValue.gridHist[0]);
@@ -768,8 +777,8 @@ void AfFrame() {
             platform::wall_time(&g_search.searchStartTime);
         }
     }
-    // 7. A tracker trigger (tracking-region focus) plugs in here.
-    highlight_set_box_result(g_seams.triggerKind);
+    // 7. A new tracker box (or a zoom or pan/tilt it reports) starts a new search.
+    track_trigger();
     // 8.
     if (g_search.ptHold == 0) {
         switch (g_afState) {
@@ -864,19 +873,6 @@ void set_distance_assist_mode(uint8_t on) {
     g_distanceAssist = on;
 }
 
-void refresh_window_mask(uint8_t use_isp) {
-    if (use_isp == 0) {
-        g_seams.fullMaskFlag = 1;
-        return;
-    }
-    uint8_t mask[kWindowCount];
-    if (isp_read_window_mask(mask) == 1) {
-        g_seams.fullMaskFlag = 1;
-        return;
-    }
-    g_seams.fullMaskFlag = 0;
-}
-
 void af_set_position_publisher(void (*publish)()) {
     g_publishPositions = publish;
 }
@@ -898,6 +894,8 @@ void af_reset_for_testing() {
     af_seams_reset_for_testing();
     block_regions_reset_for_testing();
     point_light_reset_for_testing();
+    distance_state_reset();
+    track_region_state_reset();
     scene_clear_result();
     fh_reset_for_testing();
     SetSearchBounds();

@@ -17,8 +17,9 @@ void SnapshotReference();
 uint8_t get_distance_assist_mode();
 void set_distance_assist_mode(uint8_t on);
 
-// Sets the 25 AF windows; use_isp = 1 reads the window mask from the ISP.
-void refresh_window_mask(uint8_t use_isp);
+// Sets the 25 AF windows; use_isp = 1 reads the window mask from the ISP. The distance assist
+// needs all 25 (the full mask). Returns 1 when the ISP's mask changed.
+uint8_t refresh_window_mask(uint8_t use_isp);
 
 // Every autofocus module back to its power-on state (tests).
 void af_reset_for_testing();

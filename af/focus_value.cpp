@@ -11,6 +11,7 @@
 
 #include "af/af_seams.h"
 #include "af/af_state.h"
+#include "af/distance_assist.h"
 #include "af/focus_zone.h"
 #include "af/highlight_scene.h"
 #include "base/command_state.h"
@@ -518,10 +519,8 @@ bool SampleFrame() {
     // 11. Zone refinement.
     refine_zone();
 
-    // 12. The distance shortcut plugs in here once an object distance is available: when the
-    //     expected position for the distance is at hand and the scene is flat, the search jumps
-    //     there and ends.
-    return false;
+    // 12. A flat scene next to the position of the current distance: the search ends there.
+    return distance_flat_jump();
 }
 
 void SelectSearchZone() {

@@ -16,7 +16,9 @@
 
 #include "af/af_seams.h"
 #include "af/af_state.h"
+#include "af/distance_assist.h"
 #include "af/focus_zone.h"
+#include "af/track_region.h"
 #include "base/command_state.h"
 #include "base/frame_pacing.h"
 #include "isp/af_stat.h"
@@ -100,9 +102,8 @@ void fill_scene_context() {
     c.upperBound = g_search.upperBound;
     c.trackingOn = get_tracking_on() != 0 ? 1 : 0;
     c.lastSearchNoPeak = g_search.noPeak;
-    // Distance assist is not available: the analysis answers its distance tests with 0.
-    c.distanceStillValid = nullptr;
-    c.distanceTrend = nullptr;
+    c.distanceStillValid = distance_still_valid;
+    c.distanceTrend = distance_trend;
     c.refreshReport = 0;
 }
 
@@ -115,7 +116,8 @@ void begin_watch() {
     af_stat_copy_grid(StatGrid::kSharpV, g_watch.focusGrid);
     af_stat_copy_grid(StatGrid::kLuma, g_watch.focusLuma);
     g_search.refocusCause = 0;
-    g_seams.jumped = 0;
+    // The jumped flag stays until the settled picture has been checked against the distance the
+    // jump used (watch frame 5); the next search start clears it otherwise.
     g_seams.distanceAtLastFocus = g_seams.currentDistance;
     const uint16_t m = af_zoom() / 512;
     g_watch.distanceMargin = m < 4 ? 4 : (m > 8 ? 8 : m);
@@ -270,7 +272,7 @@ void decide() {
             fill_scene_context();
             d = g_sharpnessCheck(g_reference);
         }
-        if (watch_distance_check())
+        if (watch_distance_check(false))
             return;
         // The value fell below a fifth of what it was at focus: whatever still peaks, the
         // subject is not the one that was focused.
@@ -509,7 +511,7 @@ void FocusWatch(uint8_t focused) {
     // 1. First focused frame.
     if (g_watch.watchBegun == 0) {
         begin_watch();
-        if (watch_distance_check())
+        if (watch_distance_check(true))
             return;
         g_watch.watchBegun = 1;
     }

@@ -13,6 +13,7 @@
 #include <cstring>
 
 #include "af/af_seams.h"
+#include "af/distance_assist.h"
 #include "af/af_state.h"
 #include "af/focus_zone.h"
 #include "isp/af_stat.h"
@@ -127,18 +128,6 @@ uint8_t SceneHasDetail() {
             medium += tele && grid[b] > 300 ? 1 : 0;
         }
     return sharp > 2 || medium > 3 ? 1 : 0;
-}
-
-uint8_t centre_has_signal() {
-    // Horizontal detail in the middle four by four blocks, or a centre window that still reads
-    // above the noise: worth measuring there even when the scene is dark.
-    uint32_t h[kGridBlocks];
-    af_stat_copy_grid(StatGrid::kSharpH, h);
-    for (int r = 6; r <= 9; ++r)
-        for (int c = 6; c <= 9; ++c)
-            if (h[r * kGridCols + c] >= 801 || g_focusValue.winHist[0][12] >= 301)
-                return 1;
-    return 0;
 }
 
 bool IsDarkFlat(const uint32_t* grid) {

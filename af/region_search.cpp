@@ -13,6 +13,8 @@
 #include "af/af_seams.h"
 #include "af/af_state.h"
 #include "af/block_regions.h"
+#include "af/distance_assist.h"
+#include "af/track_region.h"
 #include "af/focus_zone.h"
 #include "base/frame_pacing.h"
 #include "isp/af_stat.h"

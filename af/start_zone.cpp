@@ -6,6 +6,7 @@
 
 #include "af/af_seams.h"
 #include "af/af_state.h"
+#include "af/distance_assist.h"
 #include "af/focus_zone.h"
 #include "af/highlight_scene.h"
 #include "base/af_status.h"

@@ -1,12 +1,14 @@
 #include "app/frame_loop.h"
 
 #include "af/auto_focus.h"
+#include "af/distance_assist.h"
 #include "base/frame_pacing.h"
 #include "command/command_process.h"
-#include "isp/track_input.h"
 #include "isp/af_stat.h"
+#include "isp/distance_input.h"
 #include "isp/highlight.h"
 #include "isp/isp_link.h"
+#include "isp/track_input.h"
 #include "lens_api/iris.h"
 #include "lens_api/lc898201.h"
 #include "platform/clock.h"
@@ -44,6 +46,7 @@ const FrameLoopOps kDefaultOps = {
     command_publish_positions,
     auto_iris_step,
     calibration_supervise,
+    distance_poll,
 };
 
 }  // namespace
@@ -113,8 +116,11 @@ void FrameLoop::iteration() {
         if (st_.rate_countdown >= 0)
             --st_.rate_countdown;
 
-        // 6. Tracker state.
+        // 6. Tracker state, and the object distance (the distance assist keeps one reading a
+        //    frame, whichever activity the frame goes to, so that its trends see the whole time).
         set_tracking_on(ops_.track_poll());
+        if (ops_.distance_poll != nullptr)
+            af_distance_input(ops_.distance_poll());
 
         // 7-9. The first processed frame only publishes, and so does every frame after a failed
         // start-up homing (the lens positions cannot be trusted, so nothing may move it).

@@ -35,6 +35,9 @@ struct FrameLoopOps {
     void (*auto_iris_step)();
     // Told on every iteration whether frames arrive; ends calibrations that were interrupted.
     void (*calibration_supervise)(uint8_t frames_arriving);
+    // The rangefinder's object distance in mm (8192: none), read every processed frame and
+    // handed to the autofocus; nullptr: no distance source.
+    uint16_t (*distance_poll)() = nullptr;
 };
 
 const FrameLoopOps& default_frame_loop_ops();

@@ -18,9 +18,9 @@ bool ShmRecord::map() {
     }
     platform::Path path(device_);
     int fd = -1;
-    for (int attempt = 0; attempt < 4 && fd < 0; ++attempt) {
+    for (int attempt = 0; attempt < attempts_ && fd < 0; ++attempt) {
         fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-        if (fd < 0)
+        if (fd < 0 && attempts_ > 1)  // a single open does not wait
             platform::sleep_us(500);
     }
     if (fd < 0)

@@ -8,12 +8,14 @@
 
 class ShmRecord {
   public:
-    ShmRecord(const char* device, int size) : device_(device), size_(size) {}
+    // attempts: opens tried per map() while the device is missing, 500 us apart.
+    ShmRecord(const char* device, int size, int attempts = 4)
+        : device_(device), size_(size), attempts_(attempts) {}
     ~ShmRecord() { unmap(); }
     ShmRecord(const ShmRecord&) = delete;
     ShmRecord& operator=(const ShmRecord&) = delete;
 
-    // Maps the device when it is not mapped yet (up to four opens, 500 us apart). False while the
+    // Maps the device when it is not mapped yet (up to `attempts` opens). False while the
     // device is missing or shorter than the record; a device cut short after mapping is unmapped
     // (reading past its end would fault) and mapped again once it is whole.
     bool map();
@@ -25,6 +27,7 @@ class ShmRecord {
   private:
     const char* device_;
     int size_;
+    int attempts_;
     // Kept open while mapped, to check the device's size before each read.
     int fd_ = -1;
     const volatile uint8_t* map_ = nullptr;

@@ -21,13 +21,19 @@ Two reference searches run on the same scene (vcam alone, the lens driven by a s
           seeing each position `latency` frames after commanding it: the frames it needs to reach
           the peak and see a fall past it (the speed bound); ratio = daemon frames / oracle frames
 
-  tools/afbench.py [--build build] [--suite daylight|library|all|scene|night] [--only SUBSTR]
+  tools/afbench.py [--build build] [--suite daylight|library|all|scene|night|track] [--only SUBSTR]
                    [--case NAME ...] [--seconds 30] [--json out.json] [--out DIR]
 
 The scene suite (--suite scene) runs scene changes after the first focus and scores each from
 ground truth: frames from the end of the change until the lens is in focus on the target and
 stays there, the final error in depths of focus, and the searches started after the first focus
 (per 10 virtual minutes on its two static scenes, which run 10 virtual minutes each).
+
+The track suite (--suite track) runs the tracker and rangefinder cases, and the daylight plane
+with a rangefinder, each with the distance assist off and on (afctl assist), side by side: frames
+to focus, final error in the subject's depth of focus, and for the tracked cases the distance of
+the lens from the background's in-focus position in the background's depth of focus (a focus that
+stayed on the background ends within 1 of it, not of the subject).
 
 One SVG per case (lens focus vs true in-focus position, centre sharpness) is drawn with
 build/tools/telemetry_plot into DIR.
@@ -135,6 +141,25 @@ SCENE = [
 ]
 SCENE_SECONDS = 30.0
 
+# Tracker and distance assist (--suite track). Extra overrides: tracker / rangefinder (the
+# scenario's section of that name, replaced, added, or with None left out), background (the object
+# whose depth of focus the end is also scored in). Every case runs with the assist off and on. The
+# tele crossing starts with the wall in focus; the untracked run shows the search without the
+# tracker's box.
+TRACK_DROPOUTS = ("{object: person, latency_frames: 2, jitter: 3, box_error: 0.05, "
+                  "dropout_rate: 0.03, dropout_frames: 15}")
+TRACK = [
+    ("track-crossing", "tracked_person_crossing.yaml", {"background": "wall"}),
+    ("track-crossing-tele", "bench_tracked_crossing.yaml", {"background": "wall"}),
+    ("untracked-crossing-tele", "bench_tracked_crossing.yaml",
+     {"background": "wall", "tracker": None}),
+    ("track-dropouts-tele", "bench_tracked_crossing.yaml",
+     {"background": "wall", "tracker": TRACK_DROPOUTS}),
+    ("track-walks-towards", "tracked_person_walks_towards.yaml", {"background": "wall"}),
+] + [("range-" + n, b, dict(ov, rangefinder="{error: 0.02}")) for n, b, ov in DAYLIGHT
+     if n in ("wide-far", "wide-near", "mid-far", "mid-near", "tele-far", "tele-near",
+              "mid-lowcontrast", "mid-offcentre", "zoom-then-refocus")]
+
 
 def last_t_us(path):
     """t_us of the last complete telemetry line (reads only the file's tail)."""
@@ -163,6 +188,11 @@ def scenario_text(base, ov, sweep=None, static=False):
         text = re.sub(r"\n\s+sweep: \{.*\}\n", "\n", text)
         text = text.replace("lens:\n", "lens:\n  sweep: {axis: focus, from: %d, to: %d, step: 1}\n"
                             % sweep, 1)
+    for section in ("tracker", "rangefinder"):
+        if section in ov:
+            text = re.sub(r"\n%s: \{.*\}\n" % section, "\n", text)
+            if ov[section] is not None:  # None: without that section
+                text = text.rstrip("\n") + "\n%s: %s\n" % (section, ov[section])
     if static:  # the reference searches work on the scene as it is at the start
         text = re.sub(r"\ntimeline:\n(?:[ \t-].*\n?)*", "\n", text)
     if sweep is not None:  # without the daemon nothing drives the iris: hold it open
@@ -569,6 +599,8 @@ def run_daemon(build, base, ov, extra, seconds, port, outdir, name, mode, callgr
         if callgrind:
             subprocess.run(["callgrind_control", "--zero", str(daemon.pid)], check=True,
                            capture_output=True, timeout=60)
+        if ov.get("assist"):
+            afctl(build, env, "assist", "--" + ov["assist"])
         afctl(build, env, "af", "--mode", "once")  # raises the refocus request: a new search
         if mode != "once":
             afctl(build, env, "af", "--mode", mode)
@@ -625,6 +657,12 @@ def run_daemon(build, base, ov, extra, seconds, port, outdir, name, mode, callgr
     res["start_zoom"] = data[0]["lens"]["zoom"]
     res.update(score(data, seconds * 1e6, static, ov.get("fps")))
     res["static"] = static
+    if ov.get("background") in object_names(text):
+        of = data[-1].get("object_focus") or []
+        i = object_names(text).index(ov["background"])
+        if i < len(of) and of[i] is not None:
+            dof = half_width(data[-1]["lens"]["zoom"], data[-1]["lens"].get("iris", 1023))
+            res["background_error_dof"] = round(abs(data[-1]["lens"]["focus"] - of[i]) / dof, 2)
     if outdir:
         sub = os.path.join(sb, "run/after_trigger.jsonl")
         with open(sub, "w") as f:
@@ -945,7 +983,7 @@ def main():
     ap = argparse.ArgumentParser(description=__doc__,
                                  formatter_class=argparse.RawDescriptionHelpFormatter)
     ap.add_argument("--build", default=os.path.join(ROOT, "build"))
-    ap.add_argument("--suite", choices=["daylight", "library", "all", "scene", "night"],
+    ap.add_argument("--suite", choices=["daylight", "library", "all", "scene", "night", "track"],
                     default="all",
                     help="all: daylight and library; scene: the scene-change suite (slow, run "
                          "on its own); night: night and dusk scenes at two zooms")
@@ -972,6 +1010,8 @@ def main():
         cases = SCENE
     if a.suite == "night":
         cases = NIGHT
+    if a.suite == "track":
+        cases = TRACK
     if a.only:
         cases = [c for c in cases if a.only in c[0]]
     if a.case:
@@ -989,6 +1029,9 @@ def main():
     port = 20000 + (os.getpid() % 800) * 12
     if a.suite == "scene":
         run_scene_suite(a, cases, port, outdir)
+        return
+    if a.suite == "track":
+        run_track_suite(a, cases, port, outdir)
         return
     seconds = a.seconds or 30.0
     print(f"{'case':<24} {'zoom':>5} {'start':>5} {'truth':>6} {'dof':>5} {'ftf':>6} "
@@ -1009,6 +1052,57 @@ def main():
     if a.json:
         json.dump({"seconds": seconds, "build": a.build, "summary": s, "cases": results},
                   open(a.json, "w"), indent=1)
+
+
+def run_track_suite(a, cases, port, outdir):
+    """Every case with the distance assist off, then on; one row per case with both."""
+    seconds = a.seconds or 30.0
+    # start: where the lens really stood at the trigger (the preset before it may fall short)
+    print(f"{'case':<24} {'zoom':>5} {'truth':>6} {'dof':>5} | {'start':>5} {'ftf':>6} "
+          f"{'e/dof':>6} {'bg/dof':>6} {'refoc':>6} | {'start':>5} {'ftf':>6} {'e/dof':>6} "
+          f"{'bg/dof':>6} {'refoc':>6} | on subject (off/on)")
+    print(f"{'':<43}| {'assist off':<35}| {'assist on':<35}|")
+    results = []
+    for name, base, ov in cases:
+        row = {"case": name}
+        for assist in ("off", "on"):
+            try:
+                r = run_case(a.build, (f"{name}-assist-{assist}", base, dict(ov, assist=assist)),
+                             seconds, port, outdir, a.mode)
+            except Exception as e:  # report and go on with the next case
+                r = {"case": name, "error": f"{type(e).__name__}: {e}"}
+            port += 12
+            row[assist] = r
+        results.append(row)
+        ref = row["off"].get("reference", {})
+
+        def cols(r):
+            d = r.get("daemon", {})
+            ftf = d.get("frames_to_focus") if d.get("focused") else ("never" if d else "-")
+            refoc = d.get("refocus_frames", "-")
+            return (f"{fmt(d.get('start'), '.0f'):>5} {fmt(ftf):>6} "
+                    f"{fmt(d.get('final_error_dof')):>6} "
+                    f"{fmt(d.get('background_error_dof')):>6} "
+                    f"{fmt('never' if refoc is None else refoc):>6}")
+
+        def on_subject(r):
+            e = r.get("daemon", {}).get("final_error_dof")
+            return "-" if e is None else ("yes" if e <= 1 else "no")
+
+        errs = [r.get("error") or r.get("daemon", {}).get("error") for r in (row["off"], row["on"])]
+        print(f"{name:<24} {fmt(ref.get('zoom')):>5} {fmt(ref.get('subject_focus'), '.0f'):>6} "
+              f"{fmt(ref.get('depth_of_focus'), '.1f'):>5} | {cols(row['off'])} | "
+              f"{cols(row['on'])} | {on_subject(row['off'])}/{on_subject(row['on'])}  "
+              f"{'; '.join(e for e in errs if e)}")
+        sys.stdout.flush()
+    s = {}
+    for assist in ("off", "on"):
+        s[assist] = summary([row[assist] for row in results])
+    print("summary:", json.dumps(s))
+    print("plots:", outdir)
+    if a.json:
+        json.dump({"suite": "track", "build": a.build, "seconds": seconds, "summary": s,
+                   "cases": results}, open(a.json, "w"), indent=1)
 
 
 def run_scene_suite(a, cases, port, outdir):

@@ -11,6 +11,7 @@
 #include "af/af_seams.h"
 #include "af/af_state.h"
 #include "af/focus_zone.h"
+#include "af/track_region.h"
 #include "isp/af_stat.h"
 #include "isp/highlight.h"
 #include "isp/isp_link.h"

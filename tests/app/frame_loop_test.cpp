@@ -10,8 +10,10 @@
 #include <utility>
 #include <vector>
 
+#include "af/af_seams.h"
 #include "af/af_state.h"
 #include "af/auto_focus.h"
+#include "af/distance_assist.h"
 #include "base/frame_pacing.h"
 #include "command/command_process.h"
 #include "platform/clock.h"
@@ -33,7 +35,9 @@ struct Recorder {
     uint32_t interval = 25000;
     int vd_result = 0;
     int hall_result = 0;
-    uint32_t tracking = 0;  // tracker state polled on each processed frame
+    uint32_t tracking = 0;     // tracker state polled on each processed frame
+    uint16_t distance = 8192;  // the rangefinder's reading
+    int distance_polls = 0;
     Counts n{};
     unsigned fetch_modes = 0;  // bit m: statistics fetched in mode m
     std::vector<std::pair<std::string, int32_t>> saved;
@@ -75,6 +79,11 @@ const FrameLoopOps kFakeOps = {
     .publish_positions = [] { tick(g->n.publish); },
     .auto_iris_step = [] { tick(g->n.auto_iris); },
     .calibration_supervise = [](uint8_t frames) { g->events += frames ? 'F' : 'L'; },
+    .distance_poll =
+        [] {
+            ++g->distance_polls;
+            return g->distance;
+        },
 };
 
 class FrameLoopTest : public ::testing::Test {
@@ -94,6 +103,7 @@ class FrameLoopTest : public ::testing::Test {
         rec_.n = {};
         rec_.fetch_modes = 0;
         rec_.tracking = 0;
+        rec_.distance_polls = 0;
         rec_.events.reserve(1 << 14);  // a letter a frame must not allocate
         af_set_slow_divider(false);
         frame_pacing_reset_for_testing();  // also tracking off
@@ -217,6 +227,23 @@ TEST_F(FrameLoopTest, SpuriousSkippedAndFailedSignalsAreNotWorkedOn) {
     run(loop, 3);
     EXPECT_EQ(rec_.n, n);
     EXPECT_EQ(loop.state().frame_toggle, 1);
+}
+
+TEST_F(FrameLoopTest, TheDistanceReachesTheAutofocusOnEveryProcessedFrame) {
+    FrameLoop loop = make_loop();
+    distance_state_reset();
+    rec_.distance = 2500;
+    command_set_zoom_motion_active(1);  // a zoom runs: the autofocus itself does not
+    run(loop, 4);
+    command_set_zoom_motion_active(0);
+    EXPECT_EQ(rec_.distance_polls, rec_.n.publish);
+    EXPECT_EQ(g_seams.currentDistance, 2500);
+    EXPECT_EQ(g_distance.historyCount, rec_.n.publish);
+    rec_.distance = 8192;
+    run(loop, 1);
+    EXPECT_EQ(g_seams.currentDistance, 8192);
+    distance_state_reset();
+    seam_state_reset();
 }
 
 TEST_F(FrameLoopTest, EachActivityRunsAtItsCadence) {

@@ -13,6 +13,7 @@
 #include "isp/distance_input.h"
 #include "isp/highlight.h"
 #include "platform/paths.h"
+#include "platform/sim/virtual_clock.h"
 #include "tests/support/test_env.h"
 
 namespace {
@@ -216,7 +217,14 @@ class DistanceInputTest : public ::testing::Test {
 };
 
 TEST_F(DistanceInputTest, ReadingsAndTheirAbsence) {
+    // Polled on every frame: without a rangefinder the poll must not wait (the virtual clock
+    // advances by whatever the daemon sleeps).
+    platform::VirtualClock clock;
+    platform::select_clock(&clock);
+    const uint64_t t0 = clock.monotonic_us();
     EXPECT_EQ(distance_poll(), kDistanceInputNone) << "no rangefinder";
+    EXPECT_EQ(clock.monotonic_us(), t0);
+    platform::select_clock(nullptr);
     publish(1, 2500);
     std::string log = capture_stdout([] { EXPECT_EQ(distance_poll(), 2500); });
     EXPECT_NE(log.find("rangefinder reading"), std::string::npos);
