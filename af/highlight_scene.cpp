@@ -13,8 +13,8 @@
 #include <cstring>
 
 #include "af/af_seams.h"
-#include "af/distance_assist.h"
 #include "af/af_state.h"
+#include "af/distance_assist.h"
 #include "af/focus_zone.h"
 #include "isp/af_stat.h"
 #include "isp/highlight.h"

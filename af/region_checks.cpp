@@ -14,8 +14,8 @@
 #include "af/af_state.h"
 #include "af/block_regions.h"
 #include "af/distance_assist.h"
-#include "af/track_region.h"
 #include "af/focus_zone.h"
+#include "af/track_region.h"
 #include "base/frame_pacing.h"
 #include "scene/grid_ops.h"
 
