@@ -574,6 +574,7 @@ def run_daemon(build, base, ov, extra, seconds, port, outdir, name, mode, callgr
         wait_lens(tele, "zoom", zoom, 60)  # the zoom stops within a few steps
         wait_focus_rest(tele, 20)
         afctl(build, env, "af", "--mode", "once")  # one more search, then hold
+        time.sleep(0.3)  # the search starts on the daemon's next AF frame: let it begin
         wait_focus_rest(tele, 40)
         pos = json.loads(afctl(build, env, "--json", "positions"))
         afctl(build, env, "zoom", "--to", str(pos["zoom"]), "--focus", str(start), "--speed", "7")
