@@ -203,8 +203,9 @@ bool read_lens(Reader& r, const YAML::Node& n, LensSpec* lens) {
     r.num(n, p, "iris", &lens->iris, 0, 1e6);
     if (const YAML::Node u = n["unit"]) {
         const std::string pu = "lens.unit";
-        if (r.map(u, pu, {"base_offset", "base_tele_offset", "distance_scale", "zoom_backlash",
-                          "focus_backlash", "iris_exponent", "iris_transmission"})) {
+        if (r.map(u, pu,
+                  {"base_offset", "base_tele_offset", "distance_scale", "zoom_backlash",
+                   "focus_backlash", "iris_exponent", "iris_transmission"})) {
             r.num(u, pu, "base_offset", &lens->unit.base_offset, -3000, 3000);
             r.num(u, pu, "base_tele_offset", &lens->unit.base_tele_offset, -3000, 3000);
             r.num(u, pu, "distance_scale", &lens->unit.distance_scale, 0.1, 10);
