@@ -143,10 +143,35 @@ void curve_rebuild_bounds() {
     }
 }
 
+namespace {
+
+// A file whose points, as they will be used (half steps doubled), leave the focus range cannot
+// come from a calibration of this lens: flash corruption or a file from another unit. Its points
+// would become tracking targets and search bounds, so the file is not used at all. The
+// reference-point form has one point (entry 0); entries 1 and 2 carry packed Hall values.
+bool points_in_range(const uint16_t* R, int points) {
+    const uint32_t fmax = lens_get_focus_max();
+    const bool half = R[0] < kHalfStepLimit;
+    for (int s = 0; s < points; ++s) {
+        const uint32_t v = half ? 2u * R[s] : R[s];
+        if (v > fmax) {
+            traceout("curve.dat: point %d (%u) beyond the focus range %u, file not used \n", s,
+                     static_cast<unsigned>(v), static_cast<unsigned>(fmax));
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
 int curve_load() {
     uint16_t* R = g_curve.base;
     curve_file_read(R, kCurvePoints);
-    const uint16_t marker = R[kCurvePoints - 1];
+    uint16_t marker = R[kCurvePoints - 1];
+    if ((marker == kMarkerFull && !points_in_range(R, kCurvePoints - 1)) ||
+        (marker == kMarkerRefPoint && !points_in_range(R, 1)))
+        marker = 0;
     if (marker == kMarkerRefPoint) {
         if (R[0] < kHalfStepLimit)
             R[0] = doubled(R[0]);
