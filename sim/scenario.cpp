@@ -203,8 +203,9 @@ bool read_lens(Reader& r, const YAML::Node& n, LensSpec* lens) {
     r.num(n, p, "iris", &lens->iris, 0, 1e6);
     if (const YAML::Node u = n["unit"]) {
         const std::string pu = "lens.unit";
-        if (r.map(u, pu, {"base_offset", "base_tele_offset", "distance_scale", "zoom_backlash",
-                          "focus_backlash", "iris_exponent", "iris_transmission"})) {
+        if (r.map(u, pu,
+                  {"base_offset", "base_tele_offset", "distance_scale", "zoom_backlash",
+                   "focus_backlash", "iris_exponent", "iris_transmission"})) {
             r.num(u, pu, "base_offset", &lens->unit.base_offset, -3000, 3000);
             r.num(u, pu, "base_tele_offset", &lens->unit.base_tele_offset, -3000, 3000);
             r.num(u, pu, "distance_scale", &lens->unit.distance_scale, 0.1, 10);
@@ -451,6 +452,31 @@ bool read_fields(Reader& r, const YAML::Node& set, const std::string& path, int 
     return true;
 }
 
+// faults: a list of mappings with the keys of a --fault argument (sim/faults.h).
+bool read_faults(Reader& r, const YAML::Node& n, Scenario* sc) {
+    if (!n.IsSequence())
+        return r.fail(n, "faults", "expected a list of faults");
+    for (size_t i = 0; i < n.size(); ++i) {
+        const YAML::Node f = n[i];
+        const std::string pf = "faults[" + std::to_string(i) + "]";
+        if (!f.IsMap())
+            return r.fail(f, pf, "expected a mapping");
+        FaultSpec spec;
+        std::string why;
+        for (const auto& kv : f) {
+            const std::string key = kv.first.Scalar();
+            if (!kv.second.IsScalar())
+                return r.fail(kv.second, Reader::join(pf, key), "expected a value");
+            if (!fault_set(&spec, key, kv.second.Scalar(), &why))
+                return r.fail(kv.first, pf, why);
+        }
+        if (!fault_finish(&spec, sc->fps, &why))
+            return r.fail(f, pf, why);
+        sc->faults.push_back(spec);
+    }
+    return true;
+}
+
 bool read_timeline(Reader& r, const YAML::Node& n, Scenario* sc) {
     if (!n.IsSequence())
         return r.fail(n, "timeline", "expected a list of events");
@@ -569,7 +595,7 @@ bool parse_scenario(const std::string& text, const std::string& file_name, Scena
         const YAML::Node root = YAML::Load(text);
         if (!r.map(root, "",
                    {"name", "description", "fps", "jitter_us", "subject", "lens", "scene", "optics",
-                    "noise", "exposure", "latency", "timeline"}))
+                    "noise", "exposure", "latency", "timeline", "faults"}))
             return false;
         r.str(root, "", "name", &sc.name);
         r.str(root, "", "description", &sc.description);
@@ -599,6 +625,8 @@ bool parse_scenario(const std::string& text, const std::string& file_name, Scena
         if (!sc.subject.empty() && sc.object_index(sc.subject) < 0)
             return r.fail(root["subject"], "subject", "no object named '" + sc.subject + "'");
         if (const YAML::Node n = root["timeline"]; n && !read_timeline(r, n, &sc))
+            return false;
+        if (const YAML::Node n = root["faults"]; n && !read_faults(r, n, &sc))
             return false;
     } catch (const YAML::Exception& e) {
         std::ostringstream o;
