@@ -53,6 +53,15 @@ IspServer::~IspServer() {
 }
 
 int IspServer::listen() {
+    if (open_listener(cfg_.port) != 0)
+        return -1;
+    t0_ = std::chrono::steady_clock::now();
+    std::fprintf(stderr, "vcam: ISP service on %s:%u, %s time, %.3g frames/s\n", cfg_.addr.c_str(),
+                 port_, cfg_.mode == TimeMode::kVirtual ? "virtual" : "real", cam_->scenario().fps);
+    return 0;
+}
+
+int IspServer::open_listener(uint16_t port) {
     listen_fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (listen_fd_ < 0) {
         std::fprintf(stderr, "vcam: socket: %s\n", std::strerror(errno));
@@ -62,23 +71,22 @@ int IspServer::listen() {
     setsockopt(listen_fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
     sockaddr_in a{};
     a.sin_family = AF_INET;
-    a.sin_port = htons(cfg_.port);
+    a.sin_port = htons(port);
     if (inet_pton(AF_INET, cfg_.addr.c_str(), &a.sin_addr) != 1) {
         std::fprintf(stderr, "vcam: bad ISP address '%s'\n", cfg_.addr.c_str());
         return -1;
     }
     if (bind(listen_fd_, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 ||
         ::listen(listen_fd_, 4) != 0) {
-        std::fprintf(stderr, "vcam: cannot listen on %s:%u: %s\n", cfg_.addr.c_str(), cfg_.port,
+        std::fprintf(stderr, "vcam: cannot listen on %s:%u: %s\n", cfg_.addr.c_str(), port,
                      std::strerror(errno));
+        close(listen_fd_);
+        listen_fd_ = -1;
         return -1;
     }
     socklen_t len = sizeof a;
     getsockname(listen_fd_, reinterpret_cast<sockaddr*>(&a), &len);
     port_ = ntohs(a.sin_port);
-    t0_ = std::chrono::steady_clock::now();
-    std::fprintf(stderr, "vcam: ISP service on %s:%u, %s time, %.3g frames/s\n", cfg_.addr.c_str(),
-                 port_, cfg_.mode == TimeMode::kVirtual ? "virtual" : "real", cam_->scenario().fps);
     return 0;
 }
 
@@ -345,6 +353,23 @@ void IspServer::run(const std::atomic<bool>& stop) {
     while (!stop.load()) {
         if (cfg_.max_frames != 0 && stats_.frames >= cfg_.max_frames)
             break;
+        // A service that is down has no listening socket: connections are refused outright.
+        if (faults_ != nullptr && faults_->refusing(scene_now())) {
+            if (listen_fd_ >= 0) {
+                std::fprintf(stderr, "vcam: fault: ISP service down\n");
+                close(listen_fd_);
+                listen_fd_ = -1;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+            continue;
+        }
+        if (listen_fd_ < 0) {
+            if (open_listener(port_) != 0) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(50));
+                continue;
+            }
+            std::fprintf(stderr, "vcam: ISP service up again\n");
+        }
         pollfd p{listen_fd_, POLLIN, 0};
         const int pr = poll(&p, 1, kPollMs);
         if (faults_ != nullptr)
@@ -354,11 +379,6 @@ void IspServer::run(const std::atomic<bool>& stop) {
         const int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
         if (fd < 0)
             continue;
-        if (faults_ != nullptr && faults_->refusing(scene_now())) {
-            std::fprintf(stderr, "vcam: fault: connection refused (service down)\n");
-            close(fd);
-            continue;
-        }
         int one = 1;
         setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
         int buf = 1 << 18;

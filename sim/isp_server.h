@@ -10,7 +10,8 @@
 // the service then waits for the next client.
 //
 // Faults (sim/faults.h): a plan handed in with set_faults makes chosen replies go out wrong: the
-// connection closed instead of answering (and, for a window, new connections refused), the reply
+// connection closed instead of answering (and, for a window, the service down: its listening
+// socket closed, so connections are refused), the reply
 // split over several sends a few milliseconds apart, held back for a while, cut or padded to
 // another size, or preceded by junk bytes in the same send. The plan's lens faults are switched
 // from here too, on every request and every idle poll.
@@ -76,6 +77,7 @@ class IspServer {
     void set_faults(FaultPlan* plan) { faults_ = plan; }
 
   private:
+    int open_listener(uint16_t port);
     bool serve_client(int fd, const std::atomic<bool>& stop);
     bool send_reply(int fd, const uint8_t* p, size_t n, const char* what, ReplyClass rc,
                     const std::atomic<bool>& stop);
