@@ -28,6 +28,12 @@ bool parse_number(const std::string& s, double* out) {
     return true;
 }
 
+// Frame times are whole microseconds: a fault given by frame number belongs to that frame even
+// when the rounded frame time falls a fraction of a microsecond before it.
+bool reached(double t, double at) {
+    return t + 1e-6 >= at;
+}
+
 std::string trim(const std::string& s) {
     const auto b = s.find_first_not_of(" \t");
     const auto e = s.find_last_not_of(" \t");
@@ -162,7 +168,7 @@ FaultPlan::FaultPlan(std::vector<FaultSpec> faults) {
 }
 
 bool FaultPlan::in_window(const FaultSpec& f, double t) {
-    return t >= f.at && t < f.at + f.duration;
+    return reached(t, f.at) && !reached(t, f.at + f.duration);
 }
 
 void FaultPlan::update(double t) {
@@ -171,14 +177,14 @@ void FaultPlan::update(double t) {
     for (Entry& e : faults_) {
         if (!fault_is_lens(e.spec.kind))
             continue;
-        if (!e.started && t >= e.spec.at) {
+        if (!e.started && reached(t, e.spec.at)) {
             e.started = true;
             ++fired_;
             std::fprintf(stderr, "vcam: fault %s on at %.3f s\n", fault_kind_name(e.spec.kind), t);
             if (lens_hook_)
                 lens_hook_(e.spec, true);
         }
-        if (e.started && !e.ended && t >= e.spec.at + e.spec.duration) {
+        if (e.started && !e.ended && reached(t, e.spec.at + e.spec.duration)) {
             e.ended = true;
             std::fprintf(stderr, "vcam: fault %s off at %.3f s\n", fault_kind_name(e.spec.kind), t);
             if (lens_hook_)
@@ -199,8 +205,8 @@ IspAction FaultPlan::on_reply(double t, ReplyClass rc) {
         if (f.kind != FaultKind::kIspDrop && f.reply != ReplyClass::kAny && f.reply != rc)
             continue;
         const bool once = std::isinf(f.duration);
-        if (once ? t < f.at : !in_window(f, t)) {
-            if (!once && t >= f.at + f.duration)
+        if (once ? !reached(t, f.at) : !in_window(f, t)) {
+            if (!once && reached(t, f.at + f.duration))
                 e.ended = true;
             continue;
         }

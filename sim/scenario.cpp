@@ -191,8 +191,6 @@ class Reader {
     bool failed_ = false;
 };
 
-constexpr double kBig = 1e12;
-
 bool read_lens(Reader& r, const YAML::Node& n, LensSpec* lens) {
     const std::string p = "lens";
     if (!r.map(n, p, {"zoom", "focus", "iris", "iris_open", "unit", "sweep"}))
