@@ -54,12 +54,12 @@ class CheckFailed(Exception):
 class Run:
     """One sandbox with vcam and afd on the virtual clock."""
 
-    def __init__(self, args, name, faults, unprivileged=False):
+    def __init__(self, args, name, faults, unprivileged=False, hw=""):
         self.args = args
         self.name = name
         self.sb = benchenv.make_sandbox(f"afd-fault-{name}-")
         port = 23000 + (os.getpid() % 400) * 10
-        self.env = benchenv.sandbox_env(self.sb, port)
+        self.env = benchenv.sandbox_env(self.sb, port, {"VCAM_HW": hw} if hw else None)
         self.unprivileged = unprivileged and os.geteuid() == 0
         self.afd_log = os.path.join(self.sb, "run/afd.log")
         self.vcam_log = os.path.join(self.sb, "run/vcam.log")
@@ -350,6 +350,14 @@ def check_zoom_busy(run):
     return "zoom busy line stuck 2 s mid-zoom", f"{n} stuck + 1 idle-again line", rec
 
 
+def check_ms_busy(run):
+    # The MS41908 has one busy line (pls) for both channels.
+    rec = zoom_under_fault(run, "zoom_busy")
+    n = logged(run, r"busy line stuck", 3)
+    logged(run, r"busy line idle again", 1)
+    return "MS41908 busy line stuck 2 s mid-zoom", f"{n} stuck + 1 idle-again line", rec
+
+
 def check_bus_errors(run):
     rec = zoom_under_fault(run, "bus_errors")
     n = logged(run, r"send spi error", 4)
@@ -446,6 +454,8 @@ def check_file_size(run):
                         "file-size limit 100 bytes")
 
 
+# name, vcam faults, check, and how to run: "unprivileged" (the daemon as an unprivileged user
+# when the checks run as root) or vcam's lens hardware settings (VCAM_HW).
 CHECKS = [
     ("isp_drop", ["fault=isp_drop,at=0.5,for=3"], check_isp_drop, False),
     ("isp_split", ["fault=isp_split,at=0,for=2,parts=5,reply=any"], check_isp_split, False),
@@ -459,7 +469,9 @@ CHECKS = [
     ("focus_busy", [f"fault=focus_busy,at=0,for={BUSY_WINDOW}"], check_focus_busy, False),
     ("zoom_sensor", [f"fault=zoom_sensor,at=0,for={BUSY_WINDOW}"], check_zoom_sensor, False),
     ("bus_errors", ["fault=bus_errors,at=0.5,for=1"], check_bus_errors, False),
-    ("data_readonly", [], check_data_readonly, True),
+    ("ms41908_busy", ["fault=zoom_busy,at=0.5,for=2"], check_ms_busy, "chip=ms41908"),
+    ("ms41908_bus_errors", ["fault=bus_errors,at=0.5,for=1"], check_bus_errors, "chip=ms41908"),
+    ("data_readonly", [], check_data_readonly, "unprivileged"),
     ("file_size_limit", [], check_file_size, False),
 ]
 
@@ -481,13 +493,14 @@ def main():
     args.afctl = args.afctl or os.path.join(args.build, "afctl")
     only = set(filter(None, args.only.split(",")))
     rows, failed = [], 0
-    for name, faults, fn, unprivileged in CHECKS:
+    for name, faults, fn, how in CHECKS:
         if only and name not in only:
             continue
         t0 = time.time()
         run = None
         try:
-            run = Run(args, name, faults, unprivileged)
+            run = Run(args, name, faults, unprivileged=how == "unprivileged",
+                      hw=how if how and how != "unprivileged" else "")
             inj, lg, rec = fn(run)
             if run.afd_dead():
                 raise CheckFailed("the daemon died")
