@@ -9,14 +9,9 @@
 #include "tracking/distance_table.h"
 
 SeamState g_seams;
-WatchState g_watch;
 
 void seam_state_reset() {
     g_seams = SeamState{};
-}
-
-void watch_state_reset() {
-    g_watch = WatchState{};
 }
 
 // ---- Distance assist and window refresh ----
@@ -81,19 +76,29 @@ bool AllReasonsTwo() {
 }
 
 // ---- Focused watch ----
-void FocusWatch(uint8_t) {}
-
-void focused_range_reset() {
-    g_watch.focusedRange[0] = lens_get_focus_max();
-    g_watch.focusedRange[1] = lens_get_focus_min();
-    g_watch.focusedRange[2] = lens_get_focus_max();
+uint8_t watch_distance_check() {
+    return 0;
 }
-
-void watch_set_reference_windows() {}
-void watch_clear_reference_mask() {}
+void watch_jump_check() {}
+void point_light_exposure_watch() {}
+uint8_t point_light_take_chance() {
+    return 0;
+}
+uint8_t ended_by_region_search() {
+    return 0;
+}
+void tracking_region_bounds(uint8_t* r0, uint8_t* r1, uint8_t* c0, uint8_t* c1) {
+    *r0 = 4;
+    *r1 = 11;
+    *c0 = 4;
+    *c1 = 11;
+}
 
 // ---- Block peak map, region search and region checks ----
 void update_peak_map(uint8_t) {}
+uint8_t peak_map_state(int) {
+    return 0;
+}
 void unlocked_region_check() {}
 void locked_region_check() {}
 void start_region_search() {}

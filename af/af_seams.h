@@ -7,6 +7,7 @@
 
 #include <cstdint>
 
+#include "af/focus_watch.h"
 #include "isp/af_stat.h"
 #include "tracking/distance_table.h"
 
@@ -19,6 +20,8 @@ struct SeamState {
     uint16_t distanceAtStart = kDistanceUnknown;
     // The object distance when the picture was last focused (the focused watch records it).
     uint16_t distanceAtLastFocus = kDistanceUnknown;
+    // The search ended by jumping to the position of the current distance (a flat scene).
+    uint8_t jumped = 0;
     // Highlight scenes. pointLightZone is set to the detail test at every search start: the scene
     // has detail outside its lights.
     uint8_t pointLightZone = 1;
@@ -77,26 +80,27 @@ void PushRestartReason(uint32_t reason);
 bool AllReasonsTwo();
 
 // ---- Focused watch ----
-// Focused-state bookkeeping of the watch.
-struct WatchState {
-    uint8_t watchBegun = 0;
-    uint8_t changedDuringSearch = 0;
-    uint8_t motionHint = 0;
-    uint8_t hintAtSettle = 0;
-    uint8_t lumaCheckArmed = 0;
-    uint16_t focusedRange[3] = {};  // lowest, highest, last position at which the watch began
-};
-extern WatchState g_watch;
-// Back to the power-on values.
-void watch_state_reset();
-
-void FocusWatch(uint8_t focused);
-void focused_range_reset();
-void watch_set_reference_windows();
-void watch_clear_reference_mask();
+// The watch itself is af/focus_watch.h; the watch's calls into the parts above that are not
+// built yet are these.
+// Distance assist at the first focused frame and on the motion-hint path: compares the distance
+// at the search start with the current one and may restart the search; 1 when it ended the frame.
+uint8_t watch_distance_check();
+// After a jump to the position of the current distance: whether that distance still holds once
+// the picture settled (may restart the search).
+void watch_jump_check();
+// Point-light exposure watch, run on the watch's frames before the rest of the watch.
+void point_light_exposure_watch();
+// Uses one of the point-light watch's chances to restart on an exposure change; 0: none left.
+uint8_t point_light_take_chance();
+// 1 when the search just ended through the region search.
+uint8_t ended_by_region_search();
+// Block rows and columns (first, last, inclusive) a tracking-region search looks at.
+void tracking_region_bounds(uint8_t* r0, uint8_t* r1, uint8_t* c0, uint8_t* c1);
 
 // ---- Block peak map, region search and region checks ----
 void update_peak_map(uint8_t mode);
+// Peak-map state of a block: 0 none, 1 peak found, 2 peak above, 3 peak below.
+uint8_t peak_map_state(int block);
 void unlocked_region_check();
 void locked_region_check();
 void start_region_search();

@@ -240,11 +240,32 @@ bool start_phase_is_coarse() {
                 ++dim_lights;
         return dim_lights > 3;
     }
-    // A refocus from a focused picture: the comparison of the focus grid with the later grid
-    // belongs to the focused watch; without it the scene counts as unchanged in sharpness.
+    // A refocus from a focused picture: compare the grid at the last focus with the one the
+    // focused watch saw last. Blocks that were sharp and are now much less so say the subject
+    // left its focus and the peak may be far; no change at all says the same of a scene the
+    // watch could not judge by sharpness. Otherwise the peak is near and the fine scan finds it.
     if (z > 3746 && !af_low_light() && (g_sceneResult.event == 0 || g_sceneResult.event == 1))
         return true;
-    return true;
+    uint32_t then = 0;
+    uint32_t now = 0;
+    for (int w = 0; w < kWindowCount; ++w) {
+        if (wm[w] == 0)
+            continue;
+        // The walk starts one block into the window (the last window row and column stop at
+        // the picture's edge).
+        for (int r = 3 * (w / 5) + 1; r <= 3 * (w / 5) + 3 && r < kGridRows; ++r)
+            for (int c = 3 * (w % 5) + 1; c <= 3 * (w % 5) + 3 && c < kGridCols; ++c) {
+                const uint32_t f = g_watch.focusGrid[r * kGridCols + c];
+                const uint32_t l = g_watch.laterGrid[r * kGridCols + c];
+                if (f > 800 && 4 * f > 5 * l)
+                    ++then;
+                if (l > 800 && 4 * l > 5 * f)
+                    ++now;
+            }
+    }
+    if (then == 0 && now == 0)
+        return true;
+    return then > 5 && then > 2 * now && (z >= 2556 || g_focusValue.fvHist[0] <= 3000);
 }
 
 }  // namespace

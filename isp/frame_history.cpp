@@ -284,6 +284,10 @@ void fh_event_append(uint32_t phase, uint32_t kind, uint16_t position) {
     ++g_fh.event_total;
 }
 
+void fh_event_clear() {
+    g_fh.event_total = 0;
+}
+
 uint8_t fh_last_event(FhEvent* out) {
     if (g_fh.event_total == 0)
         return 0;

@@ -83,6 +83,8 @@ uint16_t fh_near_candidate();
 uint16_t fh_far_candidate();
 
 void fh_event_append(uint32_t phase, uint32_t kind, uint16_t position);
+// Empties the event log (the samples and extremes stay).
+void fh_event_clear();
 // Copies the newest event into out; returns 0 (out untouched) when the log is empty.
 uint8_t fh_last_event(FhEvent* out);
 uint32_t fh_event_count();

@@ -1,10 +1,5 @@
 #include "isp/track_input.h"
 
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
@@ -12,8 +7,7 @@
 #include "base/af_status.h"
 #include "base/dbgout.h"
 #include "isp/highlight.h"
-#include "platform/clock.h"
-#include "platform/paths.h"
+#include "isp/shm_record.h"
 
 namespace {
 
@@ -27,11 +21,9 @@ constexpr uint32_t kBlockH = 25;
 constexpr uint8_t kMirror = 1;
 constexpr uint8_t kFlip = 0;
 
+ShmRecord g_record(kTrackDevice, kTrackRecordSize);
+
 struct TrackInput {
-    // The descriptor stays open while mapped: a device that shrinks under the mapping would fault
-    // on the next read, so its size is checked before every read.
-    int fd = -1;
-    const volatile uint8_t* map = nullptr;
     uint32_t onFlag = 0;
     uint32_t last[5] = {};
     uint32_t lastWidth = 0;
@@ -44,56 +36,6 @@ struct RoiState {
     uint8_t changed = 0;
 };
 RoiState g_roi;
-
-void unmap() {
-    if (g_track.map != nullptr)
-        munmap(const_cast<uint8_t*>(g_track.map), kTrackRecordSize);
-    if (g_track.fd >= 0)
-        close(g_track.fd);
-    g_track.map = nullptr;
-    g_track.fd = -1;
-}
-
-bool map_device() {
-    if (g_track.map != nullptr) {
-        struct stat st;
-        if (fstat(g_track.fd, &st) == 0 && st.st_size >= kTrackRecordSize)
-            return true;
-        unmap();  // the device was cut short under us: map it again when it is whole
-        return false;
-    }
-    platform::Path path(kTrackDevice);
-    int fd = -1;
-    for (int attempt = 0; attempt < 4 && fd < 0; ++attempt) {
-        fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-        if (fd < 0)
-            platform::sleep_us(500);
-    }
-    if (fd < 0)
-        return false;
-    struct stat st;
-    if (fstat(fd, &st) != 0 || st.st_size < kTrackRecordSize) {
-        close(fd);
-        return false;
-    }
-    void* m = mmap(nullptr, kTrackRecordSize, PROT_READ, MAP_SHARED, fd, 0);
-    if (m == MAP_FAILED) {
-        close(fd);
-        return false;
-    }
-    g_track.fd = fd;
-    g_track.map = static_cast<const volatile uint8_t*>(m);
-    return true;
-}
-
-// The tracker writes the record while we read it: copy the words once, then use the copy.
-void read_record(uint32_t w[5]) {
-    for (int i = 0; i < 5; ++i) {
-        const volatile uint8_t* p = g_track.map + 4 * i;
-        w[i] = static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 |
-               static_cast<uint32_t>(p[2]) << 16 | static_cast<uint32_t>(p[3]) << 24;
-    }
-}
 
 uint32_t abs_diff(uint32_t a, uint32_t b) {
     return a > b ? a - b : b - a;
@@ -120,10 +62,10 @@ int fill_region(TrackRegion* region, uint32_t r0, uint32_t r1, uint32_t c0, uint
 }  // namespace
 
 uint32_t track_poll() {
-    if (!map_device())
+    if (!g_record.map())
         return 0;
     uint32_t w[5];
-    read_record(w);
+    g_record.read_words(w, 5);
     if (w[0] != 0 && w[0] != 3) {
         if (g_track.onFlag == 0) {
             traceout("%s: track_on, Mirror/Flip: %d/%d\n", dbg_timestamp(), kMirror, kFlip);
@@ -140,10 +82,10 @@ uint32_t track_poll() {
 }
 
 uint8_t track_box_update(TrackRegion* region) {
-    if (!map_device())
+    if (!g_record.map())
         return kBoxNothing;
     uint32_t w[5];
-    read_record(w);
+    g_record.read_words(w, 5);
     if (g_zoomChanged == 1 || g_ptChanged == 1) {
         traceout("变倍或者移动云台触发聚焦 g_zoomChanged %d g_ptChanged %d\n", g_zoomChanged,
                  g_ptChanged);
@@ -255,7 +197,7 @@ uint8_t track_take_roi_changed() {
 }
 
 void track_input_reset() {
-    unmap();
+    g_record.unmap();
     g_track = TrackInput();
     std::lock_guard<std::mutex> guard(g_roi.lock);
     std::memset(g_roi.windows, 0, sizeof g_roi.windows);

@@ -16,6 +16,10 @@ Clock& clock() {
     return *g_clock.load(std::memory_order_acquire);
 }
 
+void pause_real_us(uint32_t us) {
+    g_realClock.sleep_us(us);
+}
+
 void select_clock(Clock* c) {
     g_clock.store(c ? c : &g_realClock, std::memory_order_release);
 }

@@ -63,4 +63,10 @@ inline uint64_t monotonic_us() {
     return clock().monotonic_us();
 }
 
+// Pauses for us microseconds of real time, whichever clock is in force, and never advances the
+// virtual clock. For threads outside the frame loop that wait on something a person or a desktop
+// tool does (a switch file appearing, a client slot freeing): their waits are not part of the
+// simulated camera's time.
+void pause_real_us(uint32_t us);
+
 }  // namespace platform

@@ -39,6 +39,7 @@ void reload_ports() {
     g_ports.cmd_port = env_port("AFD_CMD_PORT", 6789, true);
     env_text("AFD_REPLY_ADDR", "127.0.0.1", g_ports.reply_addr, sizeof g_ports.reply_addr);
     g_ports.reply_port = env_port("AFD_REPLY_PORT", 7000);
+    env_text("AFD_TUNING_BIND", "0.0.0.0", g_ports.tuning_bind, sizeof g_ports.tuning_bind);
     g_ports.tuning_port = env_port("AFD_TUNING_PORT", 1207, true);
     g_loaded = true;
 }

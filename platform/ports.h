@@ -8,6 +8,7 @@
 //   AFD_CMD_PORT    command socket UDP port       default 6789
 //   AFD_REPLY_ADDR  reply/report address          default 127.0.0.1
 //   AFD_REPLY_PORT  reply/report UDP port         default 7000
+//   AFD_TUNING_BIND tuning server bind address    default 0.0.0.0 (all addresses)
 //   AFD_TUNING_PORT tuning server TCP port        default 1207
 #pragma once
 
@@ -22,6 +23,7 @@ struct PortConfig {
     uint16_t cmd_port;
     char reply_addr[64];
     uint16_t reply_port;
+    char tuning_bind[64];
     uint16_t tuning_port;
 };
 

@@ -137,6 +137,9 @@ void Camera::frame(uint64_t k, uint64_t stamp_us, uint8_t* out, FrameTruth* trut
     if (scripted_)
         drive_lens(k, t_k);
     const LensTruth end = mech_->snapshot();
+    peripherals_.frame(k, scene_time(t_k), end.zoom);
+    if (activity_ != nullptr)
+        activity_->frame(scene_time(t_k), end);
 
     // Exposures since the last delivered frame; only the last `delay + 1` can still be shown.
     const size_t delay = static_cast<size_t>(std::max(0, sc_.latency.frames - 2));

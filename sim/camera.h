@@ -17,10 +17,12 @@
 #include <vector>
 
 #include "data/frame_stamp.h"
+#include "sim/activity.h"
 #include "sim/exposure.h"
 #include "sim/hw/lens_mechanics.h"
 #include "sim/isp_records.h"
 #include "sim/optics.h"
+#include "sim/peripherals.h"
 #include "sim/scenario.h"
 
 namespace vcam {
@@ -77,6 +79,8 @@ class Camera {
             return -1.0;
         return scene_time(static_cast<double>(t_us) / 1e6);
     }
+    // Lens activity summary for long runs (not owned; nullptr: none).
+    void set_activity_log(ActivityLog* log) { activity_ = log; }
 
     void af_attr(uint8_t* out) const;
     void set_af_attr(const uint8_t* in);
@@ -100,6 +104,8 @@ class Camera {
     Scenario sc_;
     LensMechanics* mech_;
     AutoExposure ae_;
+    Peripherals peripherals_{sc_};
+    ActivityLog* activity_ = nullptr;
     std::array<uint8_t, kAfAttrSize> attr_{};
     double profile_ = 0.0;
     double period_us_;

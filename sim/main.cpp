@@ -34,25 +34,27 @@ void on_timeline_signal(int) {
 }
 
 void usage(FILE* f) {
-    std::fprintf(f,
-                 "usage: vcam [options] SCENARIO.yaml\n"
-                 "  --mode real|virtual  frame timing (default: virtual when AFD_CLOCK=virtual,\n"
-                 "                       else real)\n"
-                 "  --addr A             ISP service address (env AFD_ISP_ADDR, default "
-                 "127.0.0.1)\n"
-                 "  --port P             ISP service TCP port (env AFD_ISP_PORT, default 6888)\n"
-                 "  --vclock FILE        virtual-clock page of the daemon (env AFD_VCLOCK_FILE)\n"
-                 "  --telemetry FILE     write ground truth per frame as JSON Lines\n"
-                 "  --seed N             noise seed (overrides noise.seed)\n"
-                 "  --no-noise           deterministic statistics without noise\n"
-                 "  --latency N          frames from a lens move to a clean frame (default 2)\n"
-                 "  --fps F              frame rate (overrides the scenario)\n"
-                 "  --jitter-us J        real-time delivery jitter, +-J microseconds\n"
-                 "  --frames N           stop after delivering N frames\n"
-                 "  --hold-timeline      hold the scenario's timeline at its start until SIGUSR1\n"
-                 "  --fault SPEC         inject a fault, e.g. fault=isp_stall,at=3,stall=4 or\n"
-                 "                       fault=zoom_busy,at=2,for=1.5 (repeatable; sim/faults.h)\n"
-                 "  --check              only read and check the scenario\n");
+    std::fprintf(
+        f,
+        "usage: vcam [options] SCENARIO.yaml\n"
+        "  --mode real|virtual  frame timing (default: virtual when AFD_CLOCK=virtual,\n"
+        "                       else real)\n"
+        "  --addr A             ISP service address (env AFD_ISP_ADDR, default "
+        "127.0.0.1)\n"
+        "  --port P             ISP service TCP port (env AFD_ISP_PORT, default 6888)\n"
+        "  --vclock FILE        virtual-clock page of the daemon (env AFD_VCLOCK_FILE)\n"
+        "  --telemetry FILE     write ground truth per frame as JSON Lines\n"
+        "  --activity FILE      lens activity summary per minute of scene time (JSON Lines)\n"
+        "  --seed N             noise seed (overrides noise.seed)\n"
+        "  --no-noise           deterministic statistics without noise\n"
+        "  --latency N          frames from a lens move to a clean frame (default 2)\n"
+        "  --fps F              frame rate (overrides the scenario)\n"
+        "  --jitter-us J        real-time delivery jitter, +-J microseconds\n"
+        "  --frames N           stop after delivering N frames\n"
+        "  --hold-timeline      hold the scenario's timeline at its start until SIGUSR1\n"
+        "  --fault SPEC         inject a fault, e.g. fault=isp_stall,at=3,stall=4 or\n"
+        "                       fault=zoom_busy,at=2,for=1.5 (repeatable; sim/faults.h)\n"
+        "  --check              only read and check the scenario\n");
 }
 
 // ---- Lens hardware emulation -------------------------------------------------------------------
@@ -173,6 +175,7 @@ int main(int argc, char** argv) {
         cfg.vclock_path = v;
 
     std::string telemetry_path;
+    std::string activity_path;
     bool check_only = false;
     bool hold_timeline = false;
     bool no_noise = false;
@@ -189,6 +192,7 @@ int main(int argc, char** argv) {
         kPort,
         kVclock,
         kTelemetry,
+        kActivity,
         kSeed,
         kNoNoise,
         kLatency,
@@ -205,6 +209,7 @@ int main(int argc, char** argv) {
                            {"port", required_argument, nullptr, kPort},
                            {"vclock", required_argument, nullptr, kVclock},
                            {"telemetry", required_argument, nullptr, kTelemetry},
+                           {"activity", required_argument, nullptr, kActivity},
                            {"seed", required_argument, nullptr, kSeed},
                            {"no-noise", no_argument, nullptr, kNoNoise},
                            {"latency", required_argument, nullptr, kLatency},
@@ -243,6 +248,9 @@ int main(int argc, char** argv) {
                 break;
             case kTelemetry:
                 telemetry_path = optarg;
+                break;
+            case kActivity:
+                activity_path = optarg;
                 break;
             case kSeed:
                 ok = parse_u64(optarg, &seed);
@@ -336,6 +344,12 @@ int main(int argc, char** argv) {
     vcam::Camera camera(sc, &mech);
     if (hold_timeline)
         camera.hold_timeline_until(&g_timeline_go);
+    vcam::ActivityLog activity;
+    if (!activity_path.empty()) {
+        if (!activity.open(activity_path, 60.0))
+            return 1;
+        camera.set_activity_log(&activity);
+    }
     vcam::TelemetryWriter telemetry;
     if (!telemetry_path.empty() && !telemetry.open(telemetry_path))
         return 1;

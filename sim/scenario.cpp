@@ -591,9 +591,10 @@ bool parse_scenario(const std::string& text, const std::string& file_name, Scena
     Reader r(file_name, error);
     try {
         const YAML::Node root = YAML::Load(text);
-        if (!r.map(root, "",
-                   {"name", "description", "fps", "jitter_us", "subject", "lens", "scene", "optics",
-                    "noise", "exposure", "latency", "timeline", "faults"}))
+        if (!r.map(
+                root, "",
+                {"name", "description", "fps", "jitter_us", "subject", "lens", "scene", "optics",
+                 "noise", "exposure", "latency", "tracker", "rangefinder", "timeline", "faults"}))
             return false;
         r.str(root, "", "name", &sc.name);
         r.str(root, "", "description", &sc.description);
@@ -622,6 +623,39 @@ bool parse_scenario(const std::string& text, const std::string& file_name, Scena
         r.str(root, "", "subject", &sc.subject);
         if (!sc.subject.empty() && sc.object_index(sc.subject) < 0)
             return r.fail(root["subject"], "subject", "no object named '" + sc.subject + "'");
+        if (const YAML::Node n = root["tracker"]) {
+            TrackerSpec& t = sc.tracker;
+            if (!r.map(n, "tracker",
+                       {"object", "latency_frames", "jitter", "box_error", "dropout_rate",
+                        "dropout_frames"}))
+                return false;
+            t.enabled = true;
+            r.str(n, "tracker", "object", &t.object);
+            r.integer(n, "tracker", "latency_frames", &t.latency_frames, 0, 30);
+            r.num(n, "tracker", "jitter", &t.jitter, 0, 100);
+            r.num(n, "tracker", "box_error", &t.box_error, -0.9, 2);
+            r.num(n, "tracker", "dropout_rate", &t.dropout_rate, 0, 1);
+            r.integer(n, "tracker", "dropout_frames", &t.dropout_frames, 1, 100000);
+            if (r.failed())
+                return false;
+            if (sc.object_index(t.object) < 0)
+                return r.fail(n["object"] ? n["object"] : n, "tracker.object",
+                              "no object named '" + t.object + "'");
+        }
+        if (const YAML::Node n = root["rangefinder"]) {
+            RangefinderSpec& f = sc.rangefinder;
+            if (!r.map(n, "rangefinder", {"object", "error", "dropout_rate"}))
+                return false;
+            f.enabled = true;
+            r.str(n, "rangefinder", "object", &f.object);
+            r.num(n, "rangefinder", "error", &f.error, 0, 1);
+            r.num(n, "rangefinder", "dropout_rate", &f.dropout_rate, 0, 1);
+            if (r.failed())
+                return false;
+            if (!f.object.empty() && sc.object_index(f.object) < 0)
+                return r.fail(n["object"], "rangefinder.object",
+                              "no object named '" + f.object + "'");
+        }
         if (const YAML::Node n = root["timeline"]; n && !read_timeline(r, n, &sc))
             return false;
         if (const YAML::Node n = root["faults"]; n && !read_faults(r, n, &sc))

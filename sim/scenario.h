@@ -145,6 +145,28 @@ struct TimelineEvent {
     int line = 0;                                // source line, for messages
 };
 
+// The camera's object tracker: it follows one object and publishes its box in
+// /dev/sm_track_info (five u32: state, x1, y1, x2, y2 in a 640 x 360 space), as the tracker
+// process on the camera does. Its flaws are configurable.
+struct TrackerSpec {
+    bool enabled = false;
+    std::string object;         // object it follows
+    int latency_frames = 2;     // the box shows the object as it was this many frames earlier
+    double jitter = 2.0;        // standard deviation of each edge, 640 x 360 units
+    double box_error = 0.0;     // the box is this fraction too large (negative: too small)
+    double dropout_rate = 0.0;  // chance per frame that the tracker loses the object ...
+    int dropout_frames = 15;    // ... for this many frames (state 0)
+};
+
+// A rangefinder beside the lens: the distance to one object in /dev/sm_distance_info (two u32:
+// valid, distance in mm).
+struct RangefinderSpec {
+    bool enabled = false;
+    std::string object;         // "" = the scenario's subject
+    double error = 0.0;         // relative standard deviation of a reading
+    double dropout_rate = 0.0;  // chance per frame of a reading without echo (invalid)
+};
+
 struct Scenario {
     std::string file;
     std::string name;
@@ -164,6 +186,8 @@ struct Scenario {
     ExposureSpec exposure;
     LatencySpec latency;
     LensSpec lens;
+    TrackerSpec tracker;
+    RangefinderSpec rangefinder;
     std::vector<TimelineEvent> timeline;  // sorted by start time
     std::vector<FaultSpec> faults;        // injected into the ISP link and the lens hardware
 

@@ -21,8 +21,13 @@ Two reference searches run on the same scene (vcam alone, the lens driven by a s
           seeing each position `latency` frames after commanding it: the frames it needs to reach
           the peak and see a fall past it (the speed bound); ratio = daemon frames / oracle frames
 
-  tools/afbench.py [--build build] [--suite daylight|library|all] [--only SUBSTR]
-                   [--seconds 30] [--json out.json] [--out DIR]
+  tools/afbench.py [--build build] [--suite daylight|library|all|scene] [--only SUBSTR]
+                   [--case NAME ...] [--seconds 30] [--json out.json] [--out DIR]
+
+The scene suite (--suite scene) runs scene changes after the first focus and scores each from
+ground truth: frames from the end of the change until the lens is in focus on the target and
+stays there, the final error in depths of focus, and the searches started after the first focus
+(per 10 virtual minutes on its two static scenes, which run 10 virtual minutes each).
 
 One SVG per case (lens focus vs true in-focus position, centre sharpness) is drawn with
 build/tools/telemetry_plot into DIR.
@@ -88,6 +93,31 @@ LIBRARY = [
 ]
 # focus_sweep.yaml and pan_and_zoom_sweep.yaml script the lens themselves: they exercise vcam,
 # not the autofocus, and are left out.
+
+# Scene changes after the first focus (--suite scene). Each runs `seconds` of virtual time; the
+# change is over at `change_end` seconds after the trigger (a zoom: when the zoom stopped), and
+# `target` names the object the focus belongs on once it is over (the scenario's subject when not
+# given). The first search starts `offset` steps off the subject. The static scenes run 10 virtual
+# minutes each (some 2-3 minutes of wall time): pick cases with --case.
+SCENE = [
+    ("depth-nearer-slow", "scene_depth_nearer_slow.yaml", {"offset": 15, "change_end": 12.0}),
+    ("depth-nearer-fast", "scene_depth_nearer_fast.yaml", {"offset": 15, "change_end": 8.3}),
+    ("depth-farther-slow", "scene_depth_farther_slow.yaml", {"offset": -15, "change_end": 12.0}),
+    ("depth-farther-fast", "scene_depth_farther_fast.yaml", {"offset": -15, "change_end": 8.3}),
+    ("enter-and-stop", "scene_enter_stop.yaml",
+     {"offset": 15, "change_end": 10.0, "target": "person"}),
+    ("cross-and-leave", "scene_cross_leave.yaml", {"offset": 15, "change_end": 11.0}),
+    ("pan-new-depth", "scene_pan_depth.yaml",
+     {"offset": 15, "change_end": 9.5, "target": "facade",
+      "actions": [(8.0, ["pt-move"]), (9.5, ["pt-stop"])]}),
+    ("light-step", "scene_light_step.yaml", {"offset": 15, "change_end": 8.0}),
+    ("zoom-while-focused", "scene_zoom.yaml",
+     {"offset": 15, "change_end": 8.0,
+      "actions": [(8.0, ["zoom", "--to", "5000", "--speed", "4"])]}),
+    ("static-day-10min", "scene_static_day.yaml", {"offset": 15, "seconds": 600}),
+    ("static-dusk-10min", "scene_static_dusk.yaml", {"offset": 15, "seconds": 600}),
+]
+SCENE_SECONDS = 30.0
 
 
 def last_t_us(path):
@@ -491,10 +521,14 @@ def run_daemon(build, base, ov, extra, seconds, port, outdir, name, mode, callgr
         # The commanded start, as a preset recall with the autofocus on (switching it off and on
         # again would first drive the focus back to its last autofocus position): a tracked zoom,
         # whose search ends focused, then a zoom-then-focus preset to the start at the same zoom.
+        # The autofocus is in its focus-once-and-hold mode meanwhile: in continuous mode the
+        # focused watch would see the preset defocus the picture and search before the trigger.
         # No zoom steps, no refocus request: the autofocus stays in its focused state there.
         afctl(build, env, "zoom", "--to", str(zoom), "--speed", "7")
         wait_lens(tele, "zoom", zoom, 60)  # the zoom stops within a few steps
         wait_focus_rest(tele, 20)
+        afctl(build, env, "af", "--mode", "once")  # one more search, then hold
+        wait_focus_rest(tele, 40)
         pos = json.loads(afctl(build, env, "--json", "positions"))
         afctl(build, env, "zoom", "--to", str(pos["zoom"]), "--focus", str(start), "--speed", "7")
         try:
@@ -525,8 +559,9 @@ def run_daemon(build, base, ov, extra, seconds, port, outdir, name, mode, callgr
         vcam.send_signal(signal.SIGUSR1)  # the scenario's timeline starts with the next frame
         fps = ov.get("fps") or fps_of(text)
         actions = sorted(ov.get("actions", []))
+        first_frame = last["frame"]  # the actions' times count from here
         if actions:
-            gate.hold_at = last["frame"] + round(actions[0][0] * fps)
+            gate.hold_at = first_frame + round(actions[0][0] * fps)
         gate.waiting.clear()
         gate.open.set()
         deadline = time.time() + max(120, seconds * 4)
@@ -534,7 +569,7 @@ def run_daemon(build, base, ov, extra, seconds, port, outdir, name, mode, callgr
             if actions and gate.waiting.is_set():
                 afctl(build, env, *actions.pop(0)[1])
                 if actions:
-                    gate.hold_at = last["frame"] + round(actions[0][0] * fps)
+                    gate.hold_at = first_frame + round(actions[0][0] * fps)
                 gate.waiting.clear()
                 gate.open.set()
             last = rows_tail(tele, 1)
@@ -592,7 +627,9 @@ def fps_of(text):
 
 
 COST_FUNCS = {"frame": "FrameLoop::iteration()", "af_frame": "AfFrame()",
-              "fetch": "af_stat_fetch(unsigned char)", "sample": "SampleFrame()"}
+              "fetch": "af_stat_fetch(unsigned char)", "sample": "SampleFrame()",
+              "watch": "FocusWatch(unsigned char)",
+              "scene": "scene_step(SceneResult&, SceneInput const&)"}
 HEAP_FUNCS = ("malloc", "calloc", "realloc", "operator new")
 
 
@@ -666,6 +703,162 @@ def run_case(build, case, seconds, port, outdir, mode, callgrind=None):
     return res
 
 
+def wobble_amplitude(zoom):
+    """Largest focus excursion of the focused watch's wobble at this zoom (steps)."""
+    d = 2 if zoom > 3000 else 1
+    return d if zoom < 1088 else (2 * d if zoom <= 2555 else 3 * d)
+
+
+def focus_episodes(data, k0):
+    """Focus movements from frame k0 on, each a run of moves with fewer than REST_FRAMES still
+    frames between them. A zoom motion ends a run (the focus follows the zoom's curve then, no
+    search); the first move after it starts a new one. Returns (searches, wobbles): a run that
+    leaves the position by more than the wobble's amplitude (one step of slack) or moves more
+    often than a wobble does, or that does not end where it began, is a search; the rest are
+    wobbles (a wobble always returns to its position)."""
+    searches, wobbles = [], []
+    cur, rest = None, REST_FRAMES
+
+    def finish(c):
+        if c is None:
+            return
+        wobble = c["excursion"] <= wobble_amplitude(c["zoom"]) + 1 and c["moves"] <= 8 and \
+            c["end"] == c["base"]
+        (wobbles if wobble else searches).append(c["start"])
+
+    for i in range(max(1, k0), len(data)):
+        f, f1 = data[i]["lens"]["focus"], data[i - 1]["lens"]["focus"]
+        if data[i]["lens"]["zoom"] != data[i - 1]["lens"]["zoom"]:
+            finish(cur)
+            cur, rest = None, REST_FRAMES
+            continue
+        if f != f1:
+            if cur is None and rest >= REST_FRAMES:
+                cur = {"start": i, "base": f1, "excursion": 0, "moves": 0,
+                       "zoom": data[i]["lens"]["zoom"]}
+            if cur is not None:
+                cur["excursion"] = max(cur["excursion"], abs(f - cur["base"]))
+                cur["moves"] += 1
+                cur["end"] = f
+            rest = 0
+        else:
+            rest += 1
+            if cur is not None and rest >= REST_FRAMES:
+                finish(cur)
+                cur = None
+    finish(cur)
+    return searches, wobbles
+
+
+def object_names(text):
+    return re.findall(r"\{name: ([\w-]+)", text.split("\nobjects:", 1)[-1]) or \
+        re.findall(r"-\s+name: ([\w-]+)", text)
+
+
+def score_scene(data, text, ov):
+    """Scene-change scores from vcam's ground truth: frames from the end of the change until the
+    lens is in focus on the target and stays in focus to the end of the run (at rest for
+    REST_FRAMES when it gets there), the final error, and the searches started after the first
+    focus (per 10 virtual minutes on the static scenes)."""
+    names = object_names(text)
+    subject = (re.search(r"^subject: ([\w-]+)", text, re.M) or [None, None])[1]
+    target = ov.get("target") or subject
+    n = len(data)
+
+    def truth(k, name=target):
+        of = data[k].get("object_focus") or []
+        idx = names.index(name) if name in names else None
+        if idx is not None and idx < len(of):
+            return of[idx]
+        return data[k].get("subject_focus")
+
+    foc = [r["lens"]["focus"] for r in data]
+    dof = [half_width(r["lens"]["zoom"], r["lens"].get("iris", 1023)) for r in data]
+    inf = [truth(k) is not None and abs(foc[k] - truth(k)) <= dof[k] for k in range(n)]
+    out = {"target": target, "frames": n,
+           "virtual_s": round((data[-1]["t_us"] - data[0]["t_us"]) / 1e6, 1)}
+    # first focus, on the scenario's subject: in focus and still for REST_FRAMES
+    first = next((k for k in range(n - REST_FRAMES) if truth(k, subject) is not None and
+                  abs(foc[k] - truth(k, subject)) <= dof[k] and
+                  all(foc[k + i] == foc[k] for i in range(REST_FRAMES))), None)
+    out["first_focus_frames"] = None if first is None else \
+        data[first]["exposure"] - data[0]["exposure"]
+    # end of the change: the given scene time, or later when a zoom was still moving
+    ce = ov.get("change_end")
+    kc = None
+    if ce is not None:
+        kc = next((k for k in range(n) if data[k].get("scene_s", 0) >= ce), n - 1)
+        zooms = [k for k in range(1, n) if data[k]["lens"]["zoom"] != data[k - 1]["lens"]["zoom"]
+                 and (first is None or k > first)]
+        if zooms and zooms[-1] > kc:
+            kc = zooms[-1]
+        out["change_end_s"] = round(data[kc].get("scene_s", 0), 2)
+        # in focus from here to the end
+        k = n
+        while k > kc and inf[k - 1]:
+            k -= 1
+        while k < n - REST_FRAMES and not all(foc[k + i] == foc[k] for i in range(REST_FRAMES)):
+            k += 1
+        out["refocus_frames"] = (data[k]["exposure"] - data[kc]["exposure"]) \
+            if k < n - REST_FRAMES or (k < n and inf[n - 1]) else None
+    e = foc[-1] - truth(n - 1) if truth(n - 1) is not None else None
+    if e is not None:
+        out["final_error"] = round(e, 1)
+        out["final_error_dof"] = round(abs(e) / dof[-1], 2)
+    if first is not None:
+        searches, wobbles = focus_episodes(data, first + REST_FRAMES)
+        out["searches"] = len(searches)
+        out["wobbles"] = len(wobbles)
+        minutes = (data[-1]["t_us"] - data[first]["t_us"]) / 60e6
+        if ce is None and minutes > 0:
+            out["searches_per_10min"] = round(len(searches) * 10 / minutes, 1)
+        out["search_starts_s"] = [round(data[k].get("scene_s", 0), 1) for k in searches][:40]
+    return out
+
+
+def run_scene_case(build, case, seconds, port, outdir, mode):
+    name, base, ov = case
+    ov = dict(ov)
+    extra = vcam_args(ov)
+    res = {"case": name, "scenario": base, "overrides": {k: v for k, v in ov.items()}}
+    probe = vcam_alone(build, scenario_text(base, ov, static=True), extra, 2, port + 8)
+    sf0 = probe[0].get("subject_focus") if probe else None
+    if sf0 is None:
+        res["error"] = "no subject"
+        return res
+    ov["start"] = int(round(max(0, min(FOCUS_MAX, sf0 + ov.get("offset", 0)))))
+    secs = seconds or ov.get("seconds", SCENE_SECONDS)
+    d, tele = run_daemon(build, base, ov, extra, secs, port, outdir, name, mode)
+    res["daemon"] = {k: d[k] for k in ("wall_s", "error", "note", "plot", "start", "start_zoom")
+                     if k in d}
+    if "trigger_frame" not in d:
+        return res
+    t0 = None
+    data = []
+    for r in rows(tele):
+        if r["exposure"] < d["trigger_frame"]:
+            continue
+        t0 = r["t_us"] if t0 is None else t0
+        if r["t_us"] - t0 > secs * 1e6:
+            break
+        data.append(r)
+    res["scene"] = score_scene(data, scenario_text(base, ov), ov)
+    return res
+
+
+def print_scene_row(r):
+    sc = r.get("scene", {})
+    d = r.get("daemon", {})
+    ref = sc.get("refocus_frames", "-") if "change_end_s" in sc else "-"
+    print(f"{r['case']:<20} {fmt(d.get('start_zoom')):>5} {fmt(sc.get('target')):>7} "
+          f"{fmt(sc.get('first_focus_frames')):>6} {fmt(sc.get('change_end_s')):>6} "
+          f"{fmt('never' if ref is None else ref):>6} {fmt(sc.get('final_error')):>7} "
+          f"{fmt(sc.get('final_error_dof')):>6} {fmt(sc.get('searches')):>5} "
+          f"{fmt(sc.get('wobbles')):>5} {fmt(sc.get('searches_per_10min')):>7}  "
+          f"{r.get('error') or d.get('error') or d.get('note') or ''}")
+    sys.stdout.flush()
+
+
 def fmt(v, how=""):
     if v is None:
         return "-"
@@ -688,10 +881,13 @@ def print_row(r):
     cpu = d.get("cpu")
     if cpu:
         print("    callgrind, instructions per call: frame loop %s (%s frames), AfFrame %s (%s), "
-              "statistics fetch %s (%s), SampleFrame %s (%s); heap calls %s" % tuple(
+              "statistics fetch %s (%s), SampleFrame %s (%s), FocusWatch %s (%s), scene_step %s "
+              "(%s); heap calls %s" % tuple(
                   cpu.get(k) for k in ("frame_ir_per_call", "frame_calls", "af_frame_ir_per_call",
                                        "af_frame_calls", "fetch_ir_per_call", "fetch_calls",
-                                       "sample_ir_per_call", "sample_calls", "heap_calls")))
+                                       "sample_ir_per_call", "sample_calls", "watch_ir_per_call",
+                                       "watch_calls", "scene_ir_per_call", "scene_calls",
+                                       "heap_calls")))
     sys.stdout.flush()
 
 
@@ -733,9 +929,14 @@ def main():
     ap = argparse.ArgumentParser(description=__doc__,
                                  formatter_class=argparse.RawDescriptionHelpFormatter)
     ap.add_argument("--build", default=os.path.join(ROOT, "build"))
-    ap.add_argument("--suite", choices=["daylight", "library", "all"], default="all")
+    ap.add_argument("--suite", choices=["daylight", "library", "all", "scene"], default="all",
+                    help="all: daylight and library; scene: the scene-change suite (slow, run "
+                         "on its own)")
     ap.add_argument("--only", help="run only the cases whose name contains this")
-    ap.add_argument("--seconds", type=float, default=30.0, help="virtual seconds per case")
+    ap.add_argument("--case", action="append",
+                    help="run only this case (exact name; may be given more than once)")
+    ap.add_argument("--seconds", type=float,
+                    help="virtual seconds per case (default 30; the scene suite's own per case)")
     ap.add_argument("--mode", default="continuous", choices=["continuous", "once"],
                     help="autofocus mode switched on at the trigger")
     ap.add_argument("--callgrind", metavar="DIR",
@@ -750,8 +951,15 @@ def main():
     a = ap.parse_args()
     cases = (DAYLIGHT if a.suite in ("daylight", "all") else []) + \
             (LIBRARY if a.suite in ("library", "all") else [])
+    if a.suite == "scene":
+        cases = SCENE
     if a.only:
         cases = [c for c in cases if a.only in c[0]]
+    if a.case:
+        unknown = set(a.case) - {c[0] for c in cases}
+        if unknown:
+            ap.error("no such case: " + ", ".join(sorted(unknown)))
+        cases = [c for c in cases if c[0] in a.case]
     if a.seeds > 1:  # run k: noise seed k, trigger (k - 1) % 3 frames later
         cases = [(f"{n}/s{k}", b, dict(ov, seed=k, phase=(k - 1) % 3)) for n, b, ov in cases
                  for k in range(1, a.seeds + 1)]
@@ -760,13 +968,17 @@ def main():
         os.makedirs(a.callgrind, exist_ok=True)
     os.makedirs(outdir, exist_ok=True)
     port = 20000 + (os.getpid() % 800) * 12
+    if a.suite == "scene":
+        run_scene_suite(a, cases, port, outdir)
+        return
+    seconds = a.seconds or 30.0
     print(f"{'case':<24} {'zoom':>5} {'start':>5} {'truth':>6} {'dof':>5} {'ftf':>6} "
           f"{'oracle':>6} {'ratio':>5} {'err':>7} {'e/dof':>6} {'sw/dof':>6} {'travel':>6} "
           f"{'rev':>4} {'fr/min':>6} {'refoc':>6}")
     results = []
     for c in cases:
         try:
-            r = run_case(a.build, c, a.seconds, port, outdir, a.mode, a.callgrind)
+            r = run_case(a.build, c, seconds, port, outdir, a.mode, a.callgrind)
         except Exception as e:  # report and go on with the next case
             r = {"case": c[0], "scenario": c[1], "error": f"{type(e).__name__}: {e}"}
         port += 12
@@ -776,7 +988,40 @@ def main():
     print("summary:", json.dumps(s))
     print("plots:", outdir)
     if a.json:
-        json.dump({"seconds": a.seconds, "build": a.build, "summary": s, "cases": results},
+        json.dump({"seconds": seconds, "build": a.build, "summary": s, "cases": results},
+                  open(a.json, "w"), indent=1)
+
+
+def run_scene_suite(a, cases, port, outdir):
+    print(f"{'case':<20} {'zoom':>5} {'target':>7} {'first':>6} {'end_s':>6} {'refoc':>6} "
+          f"{'err':>7} {'e/dof':>6} {'srch':>5} {'wobl':>5} {'s/10min':>7}")
+    results = []
+    for c in cases:
+        try:
+            r = run_scene_case(a.build, c, a.seconds, port, outdir, a.mode)
+        except Exception as e:  # report and go on with the next case
+            r = {"case": c[0], "scenario": c[1], "error": f"{type(e).__name__}: {e}"}
+        port += 12
+        results.append(r)
+        print_scene_row(r)
+    sc = [r.get("scene", {}) for r in results]
+    refoc = [s["refocus_frames"] for s in sc if "change_end_s" in s]
+    s = {"cases": len(results),
+         "refocused": sum(1 for v in refoc if v is not None), "change_cases": len(refoc)}
+    if any(v is not None for v in refoc):
+        s["refocus_frames_median"] = statistics.median(v for v in refoc if v is not None)
+        s["refocus_frames_worst"] = max(v for v in refoc if v is not None)
+    err = [x["final_error_dof"] for x in sc if "final_error_dof" in x]
+    if err:
+        s["final_error_dof_median"], s["final_error_dof_worst"] = statistics.median(err), max(err)
+    per10 = {r["case"]: r["scene"]["searches_per_10min"] for r in results
+             if "searches_per_10min" in r.get("scene", {})}
+    if per10:
+        s["static_searches_per_10min"] = per10
+    print("summary:", json.dumps(s))
+    print("plots:", outdir)
+    if a.json:
+        json.dump({"suite": "scene", "build": a.build, "summary": s, "cases": results},
                   open(a.json, "w"), indent=1)
 
 

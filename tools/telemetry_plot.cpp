@@ -1,10 +1,18 @@
-// Plots a vcam telemetry file (JSON Lines) as an SVG chart with two panels over the frames:
+// Plots a vcam telemetry file (JSON Lines) as a chart with two panels over the frames:
 //   top:    the true lens focus position against the true in-focus position of the main subject
 //           (and of every other object, thin), in focus motor steps;
 //   bottom: the centre sharpness the statistics showed, against what it would be at best focus.
 //
-//   telemetry_plot TELEMETRY.jsonl OUTPUT.svg [--title TEXT]
+//   telemetry_plot TELEMETRY.jsonl OUTPUT.svg|OUTPUT.png [--title TEXT]
+//
+// A run on the virtual clock delivers tens of thousands of frames, far more than the chart has
+// pixel columns. Each series is therefore reduced to the lowest and highest value of every column
+// (in frame order), which keeps every spike and every hunt visible at a bounded size whatever the
+// length of the run. An .svg is written directly; a .png is drawn by gnuplot (package
+// gnuplot-nox), fed through a pipe.
 #include <nlohmann/json.hpp>
+
+#include <sys/wait.h>
 
 #include <algorithm>
 #include <cmath>
@@ -37,6 +45,110 @@ constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 
 double num(const nlohmann::json& j) {
     return j.is_number() ? j.get<double>() : kNaN;
+}
+
+// Columns of the min/max reduction: about one per pixel of the plot area.
+constexpr int kColumns = 920;
+
+// Reduces pts (in frame order) to the lowest and highest point of every column of [x0, x1], in
+// frame order; a column that holds a gap (NaN) keeps the gap after its points.
+std::vector<std::pair<double, double>> reduce(const std::vector<std::pair<double, double>>& pts,
+                                              double x0, double x1) {
+    std::vector<std::pair<double, double>> out;
+    if (pts.size() <= 2 * static_cast<size_t>(kColumns)) {
+        out = pts;
+        return out;
+    }
+    const double span = x1 > x0 ? x1 - x0 : 1;
+    size_t i = 0;
+    while (i < pts.size()) {
+        const int col = static_cast<int>((pts[i].first - x0) / span * (kColumns - 1));
+        size_t lo = pts.size();
+        size_t hi = pts.size();
+        bool gap = false;
+        for (;
+             i < pts.size() && static_cast<int>((pts[i].first - x0) / span * (kColumns - 1)) == col;
+             ++i) {
+            if (std::isnan(pts[i].second)) {
+                gap = true;
+                continue;
+            }
+            if (lo == pts.size() || pts[i].second < pts[lo].second)
+                lo = i;
+            if (hi == pts.size() || pts[i].second > pts[hi].second)
+                hi = i;
+        }
+        if (lo != pts.size()) {
+            out.push_back(pts[std::min(lo, hi)]);
+            if (hi != lo)
+                out.push_back(pts[std::max(lo, hi)]);
+        }
+        if (gap)
+            out.push_back({pts[i - 1].first, kNaN});
+    }
+    return out;
+}
+
+// gnuplot single-quoted string: a quote is doubled.
+std::string gp_quote(const std::string& s) {
+    std::string o = "'";
+    for (char c : s)
+        o += c == '\'' ? std::string("''") : std::string(1, c);
+    return o + "'";
+}
+
+// Draws the panels as a PNG with gnuplot. Returns 0, or 1 with a message.
+int write_png(const std::vector<Panel>& panels, const std::string& title, const std::string& out) {
+    FILE* gp = popen("gnuplot 2>&1", "w");
+    if (gp == nullptr) {
+        std::fprintf(stderr, "telemetry_plot: cannot run gnuplot\n");
+        return 1;
+    }
+    int block = 0;
+    for (const Panel& p : panels) {
+        for (const Series& s : p.series) {
+            std::fprintf(gp, "$s%d << EOD\n", block++);
+            for (auto [x, y] : s.pts) {
+                if (std::isnan(y))
+                    std::fprintf(gp, "\n");  // a blank line breaks the line: a gap
+                else
+                    std::fprintf(gp, "%.0f %.3f\n", x, y);
+            }
+            std::fprintf(gp, "EOD\n");
+        }
+    }
+    std::fprintf(gp,
+                 "set terminal pngcairo noenhanced size 1400,900 font 'sans,10'\n"
+                 "set output %s\n"
+                 "set multiplot layout 2,1 title %s font 'sans,12'\n"
+                 "set grid\nset key top left box opaque\n",
+                 gp_quote(out).c_str(), gp_quote(title).c_str());
+    block = 0;
+    for (size_t k = 0; k < panels.size(); ++k) {
+        const Panel& p = panels[k];
+        std::fprintf(gp, "set ylabel %s\n%s", gp_quote(p.y_label).c_str(),
+                     k + 1 == panels.size() ? "set xlabel 'frame'\n" : "unset xlabel\n");
+        std::string cmd = "plot ";
+        for (size_t i = 0; i < p.series.size(); ++i, ++block) {
+            const Series& s = p.series[i];
+            char tmp[160];
+            std::snprintf(tmp, sizeof tmp, "%s$s%d with lines lw %.1f lc rgb '%s' ", i ? ", " : "",
+                          block, s.width, s.colour.c_str());
+            cmd += tmp;
+            cmd += s.label.empty() ? std::string("notitle") : "title " + gp_quote(s.label);
+        }
+        std::fprintf(gp, "%s\n", cmd.c_str());
+    }
+    std::fprintf(gp, "unset multiplot\nset output\n");
+    const int st = pclose(gp);
+    if (st != 0) {
+        std::fprintf(stderr,
+                     "telemetry_plot: gnuplot failed (status %d); PNG output needs gnuplot "
+                     "(Debian package gnuplot-nox)\n",
+                     WIFEXITED(st) ? WEXITSTATUS(st) : -1);
+        return 1;
+    }
+    return 0;
 }
 
 std::string esc(const std::string& s) {
@@ -124,7 +236,8 @@ void draw_panel(FILE* f, const Panel& p, double x0, double x1) {
 
 int main(int argc, char** argv) {
     if (argc != 3 && !(argc == 5 && std::string(argv[3]) == "--title")) {
-        std::fprintf(stderr, "usage: %s TELEMETRY.jsonl OUTPUT.svg [--title TEXT]\n", argv[0]);
+        std::fprintf(stderr, "usage: %s TELEMETRY.jsonl OUTPUT.svg|OUTPUT.png [--title TEXT]\n",
+                     argv[0]);
         return 2;
     }
     const std::string title = argc == 5 ? argv[4] : argv[1];
@@ -175,6 +288,10 @@ int main(int argc, char** argv) {
     }
     if (!others.empty())
         others[0].label = "other objects";
+    for (Series* s : {&lens, &subject, &centre, &best})
+        s->pts = reduce(s->pts, x0, x1);
+    for (Series& s : others)
+        s.pts = reduce(s.pts, x0, x1);
     Panel top{40, 300, "focus position (steps)", {}};
     for (const Series& s : others)
         top.series.push_back(s);
@@ -182,6 +299,9 @@ int main(int argc, char** argv) {
     top.series.push_back(lens);
     Panel bottom{380, 200, "centre sharpness V", {best, centre}};
 
+    const std::string out = argv[2];
+    if (out.size() > 4 && out.compare(out.size() - 4, 4, ".png") == 0)
+        return write_png({top, bottom}, title, out);
     FILE* f = std::fopen(argv[2], "w");
     if (f == nullptr) {
         std::fprintf(stderr, "telemetry_plot: cannot create %s\n", argv[2]);

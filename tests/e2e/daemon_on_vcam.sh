@@ -99,11 +99,15 @@ err=$((focus - subject)); err=${err#-}
 echo "ok: zoom to $zoom, one end-of-motion report, focus error $err after the zoom"
 
 # 4. Searches from either side of focus. The preset leaves the autofocus in its focused state at
-# the start (no zoom steps, no refocus request); "once" then asks for a new search.
+# the start (no zoom steps, no refocus request); "once" then asks for a new search. The preset is
+# made in the focus-once-and-hold mode: in continuous mode the focused watch would see the preset
+# defocus the picture and search at once.
 dof=10  # half width of the sharpness peak at zoom 5000 in vcam's optics (9.6 steps)
 zoom_count=$("$afctl" --json positions | grep -o '"zoom":[0-9]*' | cut -d: -f2)
 for offset in -100 50; do
     start=$((subject + offset))
+    "$afctl" af --mode once || fail "afctl af failed"
+    sleep 2
     "$afctl" zoom --to "$zoom_count" --focus "$start" --speed 7 || fail "afctl preset failed"
     sleep 1
     read -r zoom focus subject frame <<<"$(truth "$sb/run/telemetry1.jsonl")"

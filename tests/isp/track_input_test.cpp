@@ -10,6 +10,7 @@
 #include <string>
 
 #include "base/af_status.h"
+#include "isp/distance_input.h"
 #include "isp/highlight.h"
 #include "platform/paths.h"
 #include "tests/support/test_env.h"
@@ -187,6 +188,48 @@ TEST_F(TrackInputTest, RegionOfInterestMarksTheWindowsItCoversWholly) {
     track_set_roi(0, 0, 10, 10, 10, 10);  // no image size: the centre
     track_copy_roi_windows(w);
     EXPECT_EQ(w[12], 1);
+}
+
+}  // namespace
+
+namespace {
+
+class DistanceInputTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        platform::set_file_root(root_.path().c_str());
+        distance_input_reset();
+        ::mkdir(root_.host("/dev").c_str(), 0755);
+    }
+    void TearDown() override {
+        distance_input_reset();
+        platform::set_file_root(nullptr);
+    }
+    void publish(uint32_t valid, uint32_t mm) {
+        const uint32_t w[2] = {valid, mm};
+        FILE* f = std::fopen(root_.host(kDistanceDevice).c_str(), "wb");
+        ASSERT_NE(f, nullptr);
+        std::fwrite(w, 4, 2, f);
+        std::fclose(f);
+    }
+    testsupport::SandboxRoot root_;
+};
+
+TEST_F(DistanceInputTest, ReadingsAndTheirAbsence) {
+    EXPECT_EQ(distance_poll(), kDistanceInputNone) << "no rangefinder";
+    publish(1, 2500);
+    std::string log = capture_stdout([] { EXPECT_EQ(distance_poll(), 2500); });
+    EXPECT_NE(log.find("rangefinder reading"), std::string::npos);
+    EXPECT_EQ(capture_stdout([] { distance_poll(); }), "") << "logged once";
+    publish(1, 8192);
+    EXPECT_EQ(distance_poll(), 8193) << "a real 8192 mm is not 'none'";
+    publish(1, 70000);
+    EXPECT_EQ(distance_poll(), 65535);
+    publish(0, 2500);
+    log = capture_stdout([] { EXPECT_EQ(distance_poll(), kDistanceInputNone); });
+    EXPECT_NE(log.find("rangefinder no reading"), std::string::npos);
+    ASSERT_EQ(::truncate(root_.host(kDistanceDevice).c_str(), 4), 0);
+    EXPECT_EQ(distance_poll(), kDistanceInputNone) << "a record cut short";
 }
 
 }  // namespace

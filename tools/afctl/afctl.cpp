@@ -5,6 +5,10 @@
 // for the answer. `afctl watch` listens on the reply port for end-of-motion reports and electronic
 // zoom notifications, and shows the positions the daemon publishes in shared memory.
 //
+// The daemon answers no write, and drops some of them silently depending on its state (focus
+// moves and blind zooms with autofocus on, electronic zoom targets away from the optical end).
+// For those afctl reads the state first and refuses with the reason; --force sends regardless.
+//
 // Ports and the file root come from the same environment variables as the daemon's.
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -14,6 +18,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cctype>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -21,43 +27,71 @@
 #include <string>
 #include <vector>
 
+#include "base/command_state.h"
 #include "data/command_wire.h"
 #include "platform/paths.h"
 #include "platform/ports.h"
 #include "tools/afctl/calib_report.h"
+#include "tools/afctl/inputs_report.h"
 
 namespace {
 
+// Exit statuses: 0 done, 1 the daemon did not answer or would ignore the command, 2 bad arguments.
+constexpr int kExitNoEffect = 1;
+constexpr int kExitUsage = 2;
+
 struct Options {
     bool json = false;
+    bool force = false;
     int timeout_ms = 1000;
     std::vector<std::string> args;
 };
 
-int usage() {
-    std::fprintf(
-        stderr,
-        "usage: afctl [--json] [--timeout MS] COMMAND [ARGS]\n"
-        "  status                      positions, modes, calibration, iris, error\n"
-        "  positions                   zoom/focus position record\n"
-        "  zoom --to N [--speed 0-8] [--blind]   zoom to a position (tracked)\n"
-        "  zoom --to N --focus F [--speed 0-8]   zoom, then focus to F (a preset)\n"
-        "  zoom --in|--out [--speed 0-8] [--blind]\n"
-        "  zoom --stop                 stop any motion\n"
-        "  focus --to N [--speed 0-7]  focus to a position (autofocus off)\n"
-        "  focus --near|--far [--speed 0-7]\n"
-        "  focus --stop                focus-stop request\n"
-        "  af --mode off|continuous|once|one-shot\n"
-        "  iris --auto | --step 0-12 | --set VALUE | --move DELTA\n"
-        "  zone --type 1-4 | region --preset 0-3\n"
-        "  range --near 0-11 --far 0-11 | range --default\n"
-        "  calib curve|curve-full|curve-ref|iris|hall [--wait]   (--wait: progress, result)\n"
-        "  reset | rehome | pause | resume | pt-move | pt-stop\n"
-        "  ezoom --enable|--disable | assist --on|--off | sensor N\n"
-        "  param INDEX VALUE | roi X Y W H | fov | text | error | daynight\n"
-        "  watch [--seconds N]         print reports as they arrive\n"
-        "environment: AFD_CMD_PORT, AFD_REPLY_PORT, AFD_ROOT (see the README)\n");
-    return 2;
+constexpr const char* kUsage =
+    "usage: afctl [--json] [--timeout MS] [--force] COMMAND [ARGS]\n"
+    "reads:\n"
+    "  status                      positions, modes, calibration, iris, homing status\n"
+    "  positions                   zoom/focus position record\n"
+    "  motion                      the motion command record in force (read 0)\n"
+    "  calib status                last calibration command and the calibration mode\n"
+    "  modes                       mode record (read 5)\n"
+    "  counter                     read (and reset) the counter (read 20)\n"
+    "  fov | text | error | daynight | rehome\n"
+    "  watch [--seconds N]         print reports as they arrive\n"
+    "motion (the daemon follows the newest one):\n"
+    "  zoom --to N [--speed 0-8] [--blind]   zoom to a position (tracked; --blind: no tracking)\n"
+    "  zoom --to N --focus F [--speed 0-8]   zoom, then focus to F (a preset)\n"
+    "  zoom --in|--out [--speed 0-8] [--blind]\n"
+    "  zoom --stop                 stop any motion\n"
+    "  focus --to N [--speed 0-7]  focus to a position\n"
+    "  focus --near|--far [--speed 0-7]\n"
+    "  focus --stop                focus-stop request\n"
+    "  move --zoom in|out --focus near|far [--speed 0-8] [--focus-speed 0-7]\n"
+    "                              zoom and focus together, no tracking\n"
+    "  ezoom --to 0-1012 [--speed 0-7]   electronic zoom to a value (zoom at its optical end)\n"
+    "  --blind zooms, focus and move need autofocus off: afctl reads the mode first and refuses\n"
+    "  (exit 1) when the daemon would ignore the command; --force sends it anyway.\n"
+    "settings:\n"
+    "  af --mode off|continuous|once|one-shot\n"
+    "  iris                        iris control record (read 2)\n"
+    "  iris --auto | --step 0-12 | --set VALUE | --move DELTA\n"
+    "  zone --type 1-4 | region --preset 0-3\n"
+    "  range --near 0-11 --far 0-11 (far >= near) | range --default\n"
+    "  calib curve|curve-full|curve-ref|iris|hall [--wait]   (--wait: progress, result)\n"
+    "  calib offsets               reload the calibration-offset file\n"
+    "  reset | pause | resume | pt-move | pt-stop\n"
+    "  ezoom                       electronic zoom enabled? (read 13)\n"
+    "  ezoom --enable|--disable | ezoom --max 0-1012\n"
+    "  assist --on|--off | sensor N | param INDEX VALUE | roi X Y W H\n"
+    "  daynight --set ENABLE UPPER LOWER [--id 4|15]\n"
+    "exit status: 0 done, 1 no answer or ignored by the daemon, 2 bad arguments\n"
+    "environment: AFD_CMD_PORT, AFD_REPLY_PORT, AFD_ROOT (see the README)\n";
+
+int usage_error(const char* fmt, const char* a = "", const char* b = "") {
+    std::fprintf(stderr, "afctl: ");
+    std::fprintf(stderr, fmt, a, b);
+    std::fprintf(stderr, "\n(afctl --help lists the commands)\n");
+    return kExitUsage;
 }
 
 bool parse_int(const std::string& s, long lo, long hi, long* out) {
@@ -66,6 +100,44 @@ bool parse_int(const std::string& s, long lo, long hi, long* out) {
     if (s.empty() || *end != '\0' || v < lo || v > hi)
         return false;
     *out = v;
+    return true;
+}
+
+// The options a command takes: flags, options with a value, and how many plain words may follow
+// the command name. Anything else is refused, so that a typing error never sends a command the
+// user did not mean.
+struct Grammar {
+    std::vector<std::string> flags;
+    std::vector<std::string> valued;
+    size_t max_words = 0;
+};
+
+bool contains(const std::vector<std::string>& v, const std::string& s) {
+    for (const std::string& x : v)
+        if (x == s)
+            return true;
+    return false;
+}
+
+bool check_grammar(const Options& o, const Grammar& g) {
+    size_t words = 0;
+    for (size_t i = 1; i < o.args.size(); ++i) {
+        const std::string& a = o.args[i];
+        if (contains(g.valued, a)) {
+            if (i + 1 >= o.args.size()) {
+                usage_error("%s %s needs a value", o.args[0].c_str(), a.c_str());
+                return false;
+            }
+            ++i;
+        } else if (contains(g.flags, a)) {
+        } else if (a.size() > 1 && a[0] == '-' && !std::isdigit(static_cast<unsigned char>(a[1]))) {
+            usage_error("%s: unknown option %s", o.args[0].c_str(), a.c_str());
+            return false;
+        } else if (++words > g.max_words) {
+            usage_error("%s: unexpected argument %s", o.args[0].c_str(), a.c_str());
+            return false;
+        }
+    }
     return true;
 }
 
@@ -82,6 +154,12 @@ bool opt_value(const Options& o, const char* name, long lo, long hi, long* out, 
         return true;
     }
     return false;
+}
+const std::string* opt_word(const Options& o, const char* name) {
+    for (size_t i = 1; i + 1 < o.args.size(); ++i)
+        if (o.args[i] == name)
+            return &o.args[i + 1];
+    return nullptr;
 }
 bool has(const Options& o, const char* flag) {
     for (size_t i = 1; i < o.args.size(); ++i) {
@@ -162,7 +240,7 @@ int no_answer(uint8_t id) {
                  "afctl: no answer to read request %u from the daemon on port %u "
                  "(is afd running? AFD_CMD_PORT/AFD_REPLY_PORT)\n",
                  id, platform::ports().cmd_port);
-    return 1;
+    return kExitNoEffect;
 }
 
 std::vector<uint8_t> read_request(const Options& o, uint8_t id, size_t want,
@@ -187,7 +265,7 @@ int send_write(const uint8_t* d, size_t n) {
     Channel ch;
     if (!ch.send(d, n)) {
         std::fprintf(stderr, "afctl: send failed: %s\n", std::strerror(errno));
-        return 1;
+        return kExitNoEffect;
     }
     return 0;
 }
@@ -200,6 +278,67 @@ int send_motion(const MotionCommand& m) {
 int sub_command(uint8_t mode, MotionCommand m = MotionCommand{}) {
     uint8_t d[32];
     return send_write(d, afdata::build_sub_command(d, mode, m));
+}
+
+const char* af_mode_name(uint8_t m) {
+    switch (m) {
+        case 0:
+            return "off";
+        case 1:
+            return "continuous";
+        case 2:
+            return "once";
+        case 3:
+            return "one-shot";
+        default:
+            return "unknown";
+    }
+}
+
+const char* motion_mode_name(uint8_t m) {
+    static const char* kNames[] = {
+        "zoom (tracked)",
+        "zoom to target (tracked)",
+        "zoom (blind)",
+        "zoom to target (blind)",
+        "focus",
+        "focus to target",
+        "zoom and focus (blind)",
+        "zoom to target, then focus",
+    };
+    if (m < 8)
+        return kNames[m];
+    return m == 12 ? "electronic zoom to target" : "unknown";
+}
+
+const char* homing_name(uint8_t e) {
+    static const char* kHoming[] = {"unknown", "ok", "zoom failed", "focus failed",
+                                    "zoom and focus failed"};
+    return kHoming[e <= 4 ? e : 0];
+}
+
+const char* calib_mode_name(uint8_t m) {
+    switch (m) {
+        case 0:
+            return "none";
+        case 1:
+            return "curve";
+        case 4:
+            return "iris";
+        case 5:
+            return "hall";
+        case 6:
+            return "offsets reloaded";
+        default:
+            return "unknown";
+    }
+}
+
+// Calibration commands by name, in command-byte order (byte 1..6).
+constexpr const char* kCalibKinds[] = {"curve", "curve-full", "curve-ref",
+                                       "iris",  "hall",       "offsets"};
+const char* calib_command_name(uint8_t c) {
+    return c >= 1 && c <= 6 ? kCalibKinds[c - 1] : (c == 0 ? "none" : "unknown");
 }
 
 void print_positions(const afdata::PositionRecord& p, bool json, const char* indent) {
@@ -216,22 +355,31 @@ void print_positions(const afdata::PositionRecord& p, bool json, const char* ind
     std::printf("%sfocus %u, range %u..%u\n", indent, p.focus, p.focus_min, p.focus_max);
 }
 
-const char* af_mode_name(uint8_t m) {
-    switch (m) {
-        case 0:
-            return "off";
-        case 1:
-            return "continuous";
-        case 2:
-            return "once";
-        case 3:
-            return "one-shot";
-        default:
-            return "?";
+void print_motion(const MotionCommand& m, bool json) {
+    if (json) {
+        std::printf(
+            "{\"mode\":%u,\"mode_name\":\"%s\",\"moving\":%s,\"zoom_speed\":%u,\"focus_speed\":%u,"
+            "\"zoom_direction\":\"%s\",\"focus_direction\":\"%s\",\"zoom_target\":%u,"
+            "\"focus_target\":%u,\"ezoom_target\":%u,\"autofocus\":\"%s\",\"zone_type\":%u,"
+            "\"region\":%u}",
+            m.mode, motion_mode_name(m.mode), m.move ? "true" : "false", m.zoom_speed,
+            m.focus_speed, m.zoom_dir ? "in" : "out", m.focus_dir ? "far" : "near", m.zoom_target,
+            m.focus_target, m.ezoom_target, af_mode_name(m.autofocus_mode), m.zone_type, m.region);
+        return;
     }
+    std::printf("motion: mode %u (%s), %s\n", m.mode, motion_mode_name(m.mode),
+                m.move ? "moving" : "idle");
+    std::printf("  zoom: target %u, electronic target %u, speed %u, direction %s\n", m.zoom_target,
+                m.ezoom_target, m.zoom_speed, m.zoom_dir ? "in" : "out");
+    std::printf("  focus: target %u, speed %u, direction %s\n", m.focus_target, m.focus_speed,
+                m.focus_dir ? "far" : "near");
+    std::printf("autofocus: %s, zone type %u, region %u\n", af_mode_name(m.autofocus_mode),
+                m.zone_type, m.region);
 }
 
 int cmd_status(const Options& o) {
+    if (!check_grammar(o, {}))
+        return kExitUsage;
     const std::vector<uint8_t> r = read_request(o, 7, 58);
     if (r.empty())
         return no_answer(7);
@@ -243,29 +391,41 @@ int cmd_status(const Options& o) {
     const std::vector<uint8_t> pos = read_request(o, 1, 18);
     const afdata::PositionRecord live =
         pos.empty() ? p : afdata::position_record_decode(pos.data() + 2);
+    const bool ezoom_on = afdata::get_u16(&r[56]) != 0;
     if (o.json) {
         std::printf("{\"positions\":");
         print_positions(live, true, "");
         std::printf(
-            ",\"motion\":{\"mode\":%u,\"moving\":%u,\"zoom_target\":%u,\"focus_target\":%u},"
-            "\"autofocus\":\"%s\",\"zone_type\":%u,\"region\":%u,\"calibration\":{\"command\":%u,"
-            "\"mode\":%u},\"iris\":{\"auto\":%u,\"step\":%u},\"homing_error\":%u,"
-            "\"ezoom_enable\":%u,\"calibration_data\":",
-            m.mode, m.move, m.zoom_target, m.focus_target, af_mode_name(m.autofocus_mode),
-            m.zone_type, m.region, r[20], r[21], r[22], r[23], error, afdata::get_u16(&r[56]));
+            ",\"motion\":{\"mode\":%u,\"mode_name\":\"%s\",\"moving\":%s,"
+            "\"zoom_target\":%u,\"focus_target\":%u},",
+            m.mode, motion_mode_name(m.mode), m.move ? "true" : "false", m.zoom_target,
+            m.focus_target);
+        std::printf(
+            "\"autofocus\":\"%s\",\"zone_type\":%u,\"region\":%u,"
+            "\"calibration\":{\"last_command\":\"%s\",\"mode\":\"%s\"},"
+            "\"iris\":{\"mode\":\"%s\",\"step\":%u},\"homing\":\"%s\","
+            "\"electronic_zoom\":\"%s\",\"calibration_data\":",
+            af_mode_name(m.autofocus_mode), m.zone_type, m.region, calib_command_name(r[20]),
+            calib_mode_name(r[21]), r[22] ? "auto" : "fixed", r[23], homing_name(error),
+            ezoom_on ? "enabled" : "disabled");
         print_calibration_files(true);
+        std::printf(",\"inputs\":");
+        print_camera_inputs(true);
         std::printf("}\n");
         return 0;
     }
     print_positions(live, false, "");
-    std::printf("motion: mode %u, %s, zoom target %u, focus target %u\n", m.mode,
-                m.move ? "moving" : "idle", m.zoom_target, m.focus_target);
+    std::printf("motion: mode %u (%s), %s, zoom target %u, focus target %u\n", m.mode,
+                motion_mode_name(m.mode), m.move ? "moving" : "idle", m.zoom_target,
+                m.focus_target);
     std::printf("autofocus: %s, zone type %u, region %u\n", af_mode_name(m.autofocus_mode),
                 m.zone_type, m.region);
-    std::printf("calibration: command %u, mode %u\n", r[20], r[21]);
+    std::printf("calibration: last command %s, mode %s\n", calib_command_name(r[20]),
+                calib_mode_name(r[21]));
     std::printf("iris: %s, step %u\n", r[22] ? "auto" : "fixed", r[23]);
-    static const char* kHoming[] = {"?", "ok", "zoom failed", "focus failed", "both failed"};
-    std::printf("homing: %s\n", kHoming[error <= 4 ? error : 0]);
+    std::printf("homing: %s\n", homing_name(error));
+    std::printf("electronic zoom: %s\n", ezoom_on ? "enabled" : "disabled");
+    print_camera_inputs(false);
     print_calibration_files(false);
 
     // What the daemon publishes every frame.
@@ -283,6 +443,8 @@ int cmd_status(const Options& o) {
 }
 
 int cmd_positions(const Options& o) {
+    if (!check_grammar(o, {}))
+        return kExitUsage;
     const std::vector<uint8_t> r = read_request(o, 1, 18);
     if (r.empty())
         return no_answer(1);
@@ -292,7 +454,46 @@ int cmd_positions(const Options& o) {
     return 0;
 }
 
+int cmd_motion(const Options& o) {
+    if (!check_grammar(o, {}))
+        return kExitUsage;
+    const std::vector<uint8_t> r = read_request(o, 0, 20);
+    if (r.empty())
+        return no_answer(0);
+    print_motion(motion_command_decode(r.data() + 2), o.json);
+    if (o.json)
+        std::printf("\n");
+    return 0;
+}
+
+// The daemon carries out blind zooms and focus moves only with autofocus off, and otherwise
+// ends them at once without a word. Reads the mode first and says so instead. When the mode
+// cannot be read (no daemon answer, or another program holds the reply port) the command is
+// sent with a note.
+bool autofocus_allows(const Options& o, const char* what) {
+    if (o.force)
+        return true;
+    const std::vector<uint8_t> r = read_request(o, 0, 20);
+    if (r.empty()) {
+        std::fprintf(stderr,
+                     "afctl: could not read the autofocus mode; sending anyway (%s needs "
+                     "autofocus off)\n",
+                     what);
+        return true;
+    }
+    const uint8_t af = motion_command_decode(r.data() + 2).autofocus_mode;
+    if (af == 0)
+        return true;
+    std::fprintf(stderr,
+                 "afctl: not sent: the daemon ignores %s while autofocus is on (mode %s); run "
+                 "'afctl af --mode off' first, or use --force\n",
+                 what, af_mode_name(af));
+    return false;
+}
+
 int cmd_zoom(const Options& o) {
+    if (!check_grammar(o, {{"--blind", "--in", "--out", "--stop"}, {"--speed", "--to", "--focus"}}))
+        return kExitUsage;
     bool bad = false;
     long speed = 5;
     opt_value(o, "--speed", 0, 8, &speed, &bad);
@@ -301,11 +502,17 @@ int cmd_zoom(const Options& o) {
     long focus = 0;
     const bool then_focus = opt_value(o, "--focus", 0, 65535, &focus, &bad);
     if (bad)
-        return 2;
+        return kExitUsage;
+    const bool blind = has(o, "--blind");
+    const int kinds = (has(o, "--stop") ? 1 : 0) + (to ? 1 : 0) + (has(o, "--in") ? 1 : 0) +
+                      (has(o, "--out") ? 1 : 0);
+    if (kinds != 1)
+        return usage_error("zoom: give exactly one of --to N, --in, --out or --stop");
+    if (then_focus && (!to || blind))
+        return usage_error("zoom: --focus goes with --to (and without --blind)");
     MotionCommand m{};
     m.zoom_speed = static_cast<uint8_t>(speed);
     m.focus_speed = 7;
-    const bool blind = has(o, "--blind");
     if (has(o, "--stop"))
         return sub_command(9);
     if (to && then_focus) {
@@ -316,24 +523,29 @@ int cmd_zoom(const Options& o) {
     } else if (to) {
         m.mode = blind ? 3 : 1;
         m.zoom_target = static_cast<uint16_t>(target);
-    } else if (has(o, "--in") || has(o, "--out")) {
+    } else {
         m.mode = blind ? 2 : 0;
         m.zoom_dir = has(o, "--in") ? 1 : 0;
-    } else {
-        std::fprintf(stderr, "afctl zoom: give --to N, --in, --out or --stop\n");
-        return 2;
     }
+    if (blind && !autofocus_allows(o, "a blind zoom"))
+        return kExitNoEffect;
     return send_motion(m);
 }
 
 int cmd_focus(const Options& o) {
+    if (!check_grammar(o, {{"--near", "--far", "--stop"}, {"--speed", "--to"}}))
+        return kExitUsage;
     bool bad = false;
     long speed = 3;
     opt_value(o, "--speed", 0, 7, &speed, &bad);
     long target = 0;
     const bool to = opt_value(o, "--to", 0, 65535, &target, &bad);
     if (bad)
-        return 2;
+        return kExitUsage;
+    const int kinds = (has(o, "--stop") ? 1 : 0) + (to ? 1 : 0) + (has(o, "--near") ? 1 : 0) +
+                      (has(o, "--far") ? 1 : 0);
+    if (kinds != 1)
+        return usage_error("focus: give exactly one of --to N, --near, --far or --stop");
     if (has(o, "--stop"))
         return sub_command(13);
     MotionCommand m{};
@@ -341,38 +553,73 @@ int cmd_focus(const Options& o) {
     if (to) {
         m.mode = 5;
         m.focus_target = static_cast<uint16_t>(target);
-    } else if (has(o, "--near") || has(o, "--far")) {
+    } else {
         // Larger focus positions focus farther away.
         m.mode = 4;
         m.focus_dir = has(o, "--far") ? 1 : 0;
-    } else {
-        std::fprintf(stderr, "afctl focus: give --to N, --near, --far or --stop\n");
-        return 2;
     }
+    if (!autofocus_allows(o, "a focus move"))
+        return kExitNoEffect;
+    return send_motion(m);
+}
+
+// Motion mode 6: zoom and focus at once, each at its own speed, neither following the other.
+int cmd_move(const Options& o) {
+    if (!check_grammar(o, {{}, {"--zoom", "--focus", "--speed", "--focus-speed"}}))
+        return kExitUsage;
+    bool bad = false;
+    long speed = 5;
+    long fspeed = 3;
+    opt_value(o, "--speed", 0, 8, &speed, &bad);
+    opt_value(o, "--focus-speed", 0, 7, &fspeed, &bad);
+    if (bad)
+        return kExitUsage;
+    const std::string* z = opt_word(o, "--zoom");
+    const std::string* f = opt_word(o, "--focus");
+    if (z == nullptr || f == nullptr || (*z != "in" && *z != "out") ||
+        (*f != "near" && *f != "far"))
+        return usage_error("move: give --zoom in|out and --focus near|far");
+    MotionCommand m{};
+    m.mode = 6;
+    m.zoom_speed = static_cast<uint8_t>(speed);
+    m.focus_speed = static_cast<uint8_t>(fspeed);
+    m.zoom_dir = *z == "in" ? 1 : 0;
+    m.focus_dir = *f == "far" ? 1 : 0;
+    if (!autofocus_allows(o, "a zoom-and-focus move"))
+        return kExitNoEffect;
     return send_motion(m);
 }
 
 int cmd_af(const Options& o) {
+    if (!check_grammar(o, {{}, {"--mode"}}))
+        return kExitUsage;
     static const char* kModes[] = {"off", "continuous", "once", "one-shot"};
-    for (size_t i = 1; i + 1 < o.args.size(); ++i) {
-        if (o.args[i] != "--mode")
-            continue;
+    if (const std::string* w = opt_word(o, "--mode")) {
         for (uint8_t k = 0; k < 4; ++k) {
-            if (o.args[i + 1] == kModes[k]) {
+            if (*w == kModes[k]) {
                 MotionCommand m{};
                 m.autofocus_mode = k;
                 return sub_command(8, m);
             }
         }
     }
-    std::fprintf(stderr, "afctl af: --mode off|continuous|once|one-shot\n");
-    return 2;
+    return usage_error("af: --mode off|continuous|once|one-shot");
 }
 
 int cmd_iris(const Options& o) {
+    if (!check_grammar(o, {{"--auto"}, {"--step", "--set", "--move"}}))
+        return kExitUsage;
     bool bad = false;
     long v = 0;
     uint8_t d[16] = {'w'};
+    if (o.args.size() == 1) {
+        const std::vector<uint8_t> r = read_request(o, 2, 4);
+        if (r.empty())
+            return no_answer(2);
+        std::printf(o.json ? "{\"mode\":\"%s\",\"step\":%u}\n" : "iris: %s, step %u\n",
+                    r[2] ? "auto" : "fixed", r[3]);
+        return 0;
+    }
     if (has(o, "--auto")) {
         d[1] = 2;
         d[2] = 1;
@@ -397,8 +644,8 @@ int cmd_iris(const Options& o) {
         return send_write(d, 8);
     }
     if (!bad)
-        std::fprintf(stderr, "afctl iris: --auto, --step N, --set VALUE or --move DELTA\n");
-    return 2;
+        return usage_error("iris: --auto, --step N, --set VALUE or --move DELTA");
+    return kExitUsage;
 }
 
 // Follows a calibration the daemon runs until its calibration mode falls back to 0: progress as
@@ -421,7 +668,7 @@ int wait_calibration(const Options& o, uint8_t kind) {
         }
         if (secs > 3600.0) {
             std::fprintf(stderr, "afctl calib: still running after an hour; stopped waiting\n");
-            return 1;
+            return kExitNoEffect;
         }
         const std::vector<uint8_t> p = read_request(o, 1, 18);
         if (!p.empty() && r[3] != 0 && !o.json) {
@@ -459,50 +706,192 @@ int wait_calibration(const Options& o, uint8_t kind) {
 }
 
 int cmd_calib(const Options& o) {
-    static const char* kKinds[] = {"", "curve", "curve-full", "curve-ref", "iris", "hall"};
-    if (o.args.size() >= 2) {
-        for (uint8_t k = 1; k <= 5; ++k) {
-            if (o.args[1] == kKinds[k]) {
-                uint8_t d[4] = {'w', 3, k, 0};
-                const int rc = send_write(d, 4);
-                if (rc != 0 || !has(o, "--wait"))
-                    return rc;
-                return wait_calibration(o, k);
-            }
+    if (!check_grammar(o, {{"--wait"}, {}, 1}))
+        return kExitUsage;
+    const bool wait = has(o, "--wait");
+    const size_t words = o.args.size() - (wait ? 1 : 0);
+    if (words == 2 && o.args[1] == "status" && !wait) {
+        // Read 3 in the form answered to the sender: no reply port needed.
+        const uint8_t tag[2] = {0xAA, 0x55};
+        const std::vector<uint8_t> r = read_request(o, 3, 4, tag, 2, true);
+        if (r.empty())
+            return no_answer(3);
+        std::printf(o.json ? "{\"last_command\":\"%s\",\"mode\":\"%s\"}\n"
+                           : "calibration: last command %s, mode %s\n",
+                    calib_command_name(r[2]), calib_mode_name(r[3]));
+        return 0;
+    }
+    for (uint8_t k = 1; words == 2 && k <= 6; ++k) {
+        if (o.args[1] == kCalibKinds[k - 1]) {
+            uint8_t d[4] = {'w', 3, k, 0};
+            const int rc = send_write(d, 4);
+            if (rc != 0 || !wait || k == 6)
+                return rc;
+            return wait_calibration(o, k);
         }
     }
-    std::fprintf(stderr, "afctl calib: curve|curve-full|curve-ref|iris|hall [--wait]\n");
-    return 2;
+    return usage_error("calib: curve|curve-full|curve-ref|iris|hall [--wait] | offsets | status");
 }
 
 int cmd_range(const Options& o) {
+    if (!check_grammar(o, {{"--default"}, {"--near", "--far"}}))
+        return kExitUsage;
     uint8_t d[5] = {'w', 18, 0, 0, 0};
-    if (has(o, "--default"))
-        return send_write(d, 5);
     bool bad = false;
     long near = 0;
     long far = 0;
     const bool n = opt_value(o, "--near", 0, 11, &near, &bad);
     const bool f = opt_value(o, "--far", 0, 11, &far, &bad);
-    if (bad || !n || !f) {
-        std::fprintf(stderr, "afctl range: --near I --far J (0..11, far >= near) or --default\n");
-        return 2;
+    if (bad)
+        return kExitUsage;
+    if (has(o, "--default")) {
+        if (n || f)
+            return usage_error("range: --default takes no --near/--far");
+        return send_write(d, 5);
     }
+    if (!n || !f)
+        return usage_error("range: --near I --far J (0..11, far >= near) or --default");
+    // The daemon takes a band whose far end is nearer than its near end as a request for the
+    // default range: refuse it here rather than reset the range by surprise.
+    if (far < near)
+        return usage_error(
+            "range: --far must not be below --near (the daemon would restore the "
+            "default range instead)");
     d[2] = 1;
     d[3] = static_cast<uint8_t>(far);
     d[4] = static_cast<uint8_t>(near);
     return send_write(d, 5);
 }
 
+int cmd_ezoom(const Options& o) {
+    if (!check_grammar(o, {{"--enable", "--disable"}, {"--max", "--to", "--speed"}}))
+        return kExitUsage;
+    bool bad = false;
+    long v = 0;
+    long speed = 7;
+    opt_value(o, "--speed", 0, 7, &speed, &bad);
+    const bool max = opt_value(o, "--max", 0, kMaxEzoom, &v, &bad);
+    const bool to = !max && opt_value(o, "--to", 0, kMaxEzoom, &v, &bad);
+    if (bad)
+        return kExitUsage;
+    if (o.args.size() == 1) {
+        const std::vector<uint8_t> e = read_request(o, 13, 4);
+        if (e.empty())
+            return no_answer(13);
+        const bool on = afdata::get_u16(e.data() + 2) != 0;
+        std::printf(o.json ? "{\"electronic_zoom\":\"%s\"}\n" : "electronic zoom: %s\n",
+                    on ? "enabled" : "disabled");
+        return 0;
+    }
+    const int kinds = (has(o, "--enable") ? 1 : 0) + (has(o, "--disable") ? 1 : 0) + (max ? 1 : 0) +
+                      (has(o, "--to") ? 1 : 0);
+    if (kinds != 1)
+        return usage_error("ezoom: give exactly one of --enable, --disable, --max N or --to N");
+    if (max) {
+        // Write 1: the daemon takes the electronic zoom maximum from slot 7 of a position
+        // record and fills the other slots from its own counts.
+        uint8_t d[2 + kPositionRecordSize] = {'w', 1};
+        afdata::put_u16(d + 2 + 14, static_cast<uint16_t>(v));
+        return send_write(d, sizeof d);
+    }
+    if (to) {
+        // Sub-command 12 drives the electronic zoom only with the zoom at its optical end, and
+        // only while electronic zoom is enabled; it ends at once otherwise.
+        if (!o.force) {
+            const std::vector<uint8_t> p = read_request(o, 1, 18);
+            const std::vector<uint8_t> e = read_request(o, 13, 4);
+            if (!p.empty() && !e.empty()) {
+                const afdata::PositionRecord r = afdata::position_record_decode(p.data() + 2);
+                const unsigned optical = r.zoom - r.ezoom;
+                const unsigned optical_max = r.max_zoom - r.max_ezoom;
+                const char* why = nullptr;
+                char buf[160];
+                if (afdata::get_u16(e.data() + 2) == 0) {
+                    why = "electronic zoom is disabled ('afctl ezoom --enable')";
+                } else if (optical != optical_max) {
+                    std::snprintf(buf, sizeof buf,
+                                  "the zoom is at %u, not at its optical end %u ('afctl zoom "
+                                  "--to %u' first)",
+                                  optical, optical_max, optical_max);
+                    why = buf;
+                } else if (static_cast<unsigned>(v) > r.max_ezoom) {
+                    std::snprintf(buf, sizeof buf,
+                                  "the electronic zoom maximum is %u ('afctl ezoom --max N')",
+                                  r.max_ezoom);
+                    why = buf;
+                }
+                if (why != nullptr) {
+                    std::fprintf(stderr,
+                                 "afctl: not sent: the daemon ignores an electronic zoom target "
+                                 "now: %s; --force sends it anyway\n",
+                                 why);
+                    return kExitNoEffect;
+                }
+            } else {
+                std::fprintf(stderr, "afctl: could not read the zoom state; sending anyway\n");
+            }
+        }
+        MotionCommand m{};
+        m.zoom_speed = static_cast<uint8_t>(speed);
+        m.focus_speed = 7;
+        m.ezoom_target = static_cast<uint16_t>(v);
+        return sub_command(12, m);
+    }
+    const uint8_t d[4] = {'w', 13, static_cast<uint8_t>(has(o, "--enable") ? 1 : 0), 0};
+    return send_write(d, 4);
+}
+
+int cmd_daynight(const Options& o) {
+    const Grammar g{{}, {"--id"}, 0};
+    // "--set E U L": three numbers after --set.
+    long v[3] = {0, 0, 0};
+    size_t set_at = 0;
+    for (size_t i = 1; i < o.args.size(); ++i)
+        if (o.args[i] == "--set")
+            set_at = i;
+    if (set_at == 0) {
+        if (!check_grammar(o, g))
+            return kExitUsage;
+        const std::vector<uint8_t> r = read_request(o, 4, 14);
+        if (r.empty())
+            return no_answer(4);
+        std::printf(o.json ? "{\"enable\":%u,\"upper\":%u,\"lower\":%u}\n"
+                           : "day/night: enable %u, upper %u, lower %u\n",
+                    afdata::get_u32(&r[2]), afdata::get_u32(&r[6]), afdata::get_u32(&r[10]));
+        return 0;
+    }
+    if (set_at + 3 >= o.args.size() + 0 || !parse_int(o.args[set_at + 1], 0, 1, &v[0]) ||
+        !parse_int(o.args[set_at + 2], 0, 4294967295L, &v[1]) ||
+        !parse_int(o.args[set_at + 3], 0, 4294967295L, &v[2]))
+        return usage_error("daynight: --set ENABLE(0|1) UPPER LOWER [--id 4|15]");
+    Options rest = o;
+    rest.args.erase(rest.args.begin() + static_cast<long>(set_at),
+                    rest.args.begin() + static_cast<long>(set_at) + 4);
+    if (!check_grammar(rest, g))
+        return kExitUsage;
+    long id = 4;
+    bool bad = false;
+    if (opt_value(rest, "--id", 4, 15, &id, &bad) && id != 4 && id != 15)
+        bad = true;
+    if (bad)
+        return usage_error("daynight: --id is 4 or 15");
+    uint8_t d[14] = {'w', static_cast<uint8_t>(id)};
+    for (int i = 0; i < 3; ++i)
+        afdata::put_u32(d + 2 + 4 * i, static_cast<uint32_t>(v[i]));
+    return send_write(d, sizeof d);
+}
+
 int cmd_watch(const Options& o) {
+    if (!check_grammar(o, {{}, {"--seconds"}}))
+        return kExitUsage;
     bool bad = false;
     long secs = 0;
     opt_value(o, "--seconds", 1, 86400, &secs, &bad);
     if (bad)
-        return 2;
+        return kExitUsage;
     Channel ch;
     if (!ch.listen_replies())
-        return 1;
+        return kExitNoEffect;
     platform::Path shm("/dev/sm_af_zoom_focus_value");
     const int shm_fd = open(shm.c_str(), O_RDONLY);
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(secs);
@@ -551,28 +940,17 @@ int cmd_watch(const Options& o) {
     return 0;
 }
 
-int run(const Options& o) {
+// Commands without options of their own.
+int run_simple(const Options& o) {
     const std::string& c = o.args[0];
-    bool bad = false;
     long v = 0;
-    if (c == "status")
-        return cmd_status(o);
-    if (c == "positions")
-        return cmd_positions(o);
-    if (c == "zoom")
-        return cmd_zoom(o);
-    if (c == "focus")
-        return cmd_focus(o);
-    if (c == "af")
-        return cmd_af(o);
-    if (c == "iris")
-        return cmd_iris(o);
-    if (c == "calib")
-        return cmd_calib(o);
-    if (c == "range")
-        return cmd_range(o);
-    if (c == "watch")
-        return cmd_watch(o);
+    const Grammar none{};
+    if (c == "pause" || c == "resume" || c == "pt-move" || c == "pt-stop" || c == "reset" ||
+        c == "rehome" || c == "error" || c == "text" || c == "fov" || c == "modes" ||
+        c == "counter") {
+        if (!check_grammar(o, none))
+            return kExitUsage;
+    }
     if (c == "pause" || c == "resume") {
         MotionCommand m{};
         m.focus_speed = c == "pause" ? 0 : 100;
@@ -586,40 +964,47 @@ int run(const Options& o) {
         const uint8_t d[3] = {'w', 9, 1};
         return send_write(d, 3);
     }
-    if (c == "zone" && opt_value(o, "--type", 1, 4, &v, &bad)) {
+    if (c == "zone" || c == "region") {
+        const bool zone = c == "zone";
+        if (!check_grammar(o, {{}, {zone ? "--type" : "--preset"}}))
+            return kExitUsage;
+        bool bad = false;
+        if (!opt_value(o, zone ? "--type" : "--preset", zone ? 1 : 0, zone ? 4 : 3, &v, &bad))
+            return bad ? kExitUsage
+                       : usage_error(zone ? "zone: --type 1-4" : "region: --preset 0-3");
         MotionCommand m{};
-        m.zone_type = static_cast<uint8_t>(v);
-        return sub_command(10, m);
+        if (zone)
+            m.zone_type = static_cast<uint8_t>(v);
+        else
+            m.region = static_cast<uint8_t>(v);
+        return sub_command(zone ? 10 : 11, m);
     }
-    if (c == "region" && opt_value(o, "--preset", 0, 3, &v, &bad)) {
-        MotionCommand m{};
-        m.region = static_cast<uint8_t>(v);
-        return sub_command(11, m);
-    }
-    if (c == "ezoom" && (has(o, "--enable") || has(o, "--disable"))) {
-        const uint8_t d[4] = {'w', 13, static_cast<uint8_t>(has(o, "--enable") ? 1 : 0), 0};
-        return send_write(d, 4);
-    }
-    if (c == "assist" && (has(o, "--on") || has(o, "--off"))) {
+    if (c == "assist") {
+        if (!check_grammar(o, {{"--on", "--off"}, {}}) || has(o, "--on") == has(o, "--off"))
+            return usage_error("assist: --on or --off");
         const uint8_t d[3] = {'w', 19, static_cast<uint8_t>(has(o, "--on") ? 1 : 0)};
         return send_write(d, 3);
     }
-    if (c == "sensor" && o.args.size() == 2 && parse_int(o.args[1], 0, 255, &v)) {
+    if (c == "sensor") {
+        if (o.args.size() != 2 || !parse_int(o.args[1], 0, 255, &v))
+            return usage_error("sensor: one number 0..255");
         const uint8_t d[3] = {'w', 16, static_cast<uint8_t>(v)};
         return send_write(d, 3);
     }
-    long idx = 0;
-    if (c == "param" && o.args.size() == 3 && parse_int(o.args[1], 0, 99, &idx) &&
-        parse_int(o.args[2], 0, 65535, &v)) {
+    if (c == "param") {
+        long idx = 0;
+        if (o.args.size() != 3 || !parse_int(o.args[1], 0, 99, &idx) ||
+            !parse_int(o.args[2], 0, 65535, &v))
+            return usage_error("param: INDEX (0..99) VALUE (0..65535)");
         uint8_t d[6] = {'w', 8, static_cast<uint8_t>(idx), 0};
         afdata::put_u16(d + 4, static_cast<uint16_t>(v));
         return send_write(d, 6);
     }
-    if (c == "roi" && o.args.size() == 5) {
+    if (c == "roi") {
         long r[4];
         for (int i = 0; i < 4; ++i) {
-            if (!parse_int(o.args[1 + i], 0, 65535, &r[i]))
-                return usage();
+            if (o.args.size() != 5 || !parse_int(o.args[1 + i], 0, 65535, &r[i]))
+                return usage_error("roi: X Y W H (0..65535)");
         }
         uint8_t d[14] = {'w', 22};
         afdata::put_u16(d + 2, 1080);
@@ -643,7 +1028,10 @@ int run(const Options& o) {
         const std::vector<uint8_t> r = read_request(o, 6, 3);
         if (r.empty())
             return no_answer(6);
-        std::printf(o.json ? "{\"homing_error\":%u}\n" : "homing status %u\n", r[2]);
+        if (o.json)
+            std::printf("{\"homing\":\"%s\",\"homing_code\":%u}\n", homing_name(r[2]), r[2]);
+        else
+            std::printf("homing status %u (%s)\n", r[2], homing_name(r[2]));
         return 0;
     }
     if (c == "text") {
@@ -652,6 +1040,8 @@ int run(const Options& o) {
             return no_answer(10);
         std::string t(reinterpret_cast<const char*>(r.data() + 2), 128);
         t = t.c_str();
+        while (!t.empty() && t.back() == '\n')
+            t.pop_back();
         std::printf(o.json ? "{\"status_text\":\"%s\"}\n" : "%s\n", t.c_str());
         return 0;
     }
@@ -668,17 +1058,55 @@ int run(const Options& o) {
         std::printf("\n");
         return 0;
     }
-    if (c == "daynight") {
-        const std::vector<uint8_t> r = read_request(o, 4, 14);
+    if (c == "modes") {
+        const std::vector<uint8_t> r = read_request(o, 5, 5);
         if (r.empty())
-            return no_answer(4);
-        std::printf("day/night: enable %u, upper %u, lower %u\n", afdata::get_u32(&r[2]),
-                    afdata::get_u32(&r[6]), afdata::get_u32(&r[10]));
+            return no_answer(5);
+        std::printf(o.json ? "{\"mode\":%u,\"big\":%u,\"little\":%u}\n"
+                           : "mode record: mode %u, big %u, little %u\n",
+                    r[2], r[3], r[4]);
         return 0;
     }
-    if (bad)
-        return 2;
-    return usage();
+    if (c == "counter") {
+        const std::vector<uint8_t> r = read_request(o, 20, 4);
+        if (r.empty())
+            return no_answer(20);
+        std::printf(o.json ? "{\"counter\":%u}\n" : "counter: %u (reset by this read)\n",
+                    afdata::get_u16(&r[2]));
+        return 0;
+    }
+    return usage_error("unknown command '%s'", c.c_str());
+}
+
+int run(const Options& o) {
+    const std::string& c = o.args[0];
+    if (c == "status")
+        return cmd_status(o);
+    if (c == "positions")
+        return cmd_positions(o);
+    if (c == "motion")
+        return cmd_motion(o);
+    if (c == "zoom")
+        return cmd_zoom(o);
+    if (c == "focus")
+        return cmd_focus(o);
+    if (c == "move")
+        return cmd_move(o);
+    if (c == "af")
+        return cmd_af(o);
+    if (c == "iris")
+        return cmd_iris(o);
+    if (c == "calib")
+        return cmd_calib(o);
+    if (c == "range")
+        return cmd_range(o);
+    if (c == "ezoom")
+        return cmd_ezoom(o);
+    if (c == "daynight")
+        return cmd_daynight(o);
+    if (c == "watch")
+        return cmd_watch(o);
+    return run_simple(o);
 }
 
 }  // namespace
@@ -690,16 +1118,23 @@ int main(int argc, char** argv) {
         long v = 0;
         if (a == "--json") {
             o.json = true;
-        } else if (a == "--timeout" && i + 1 < argc && parse_int(argv[i + 1], 1, 600000, &v)) {
+        } else if (a == "--force") {
+            o.force = true;
+        } else if (a == "--timeout") {
+            if (i + 1 >= argc || !parse_int(argv[i + 1], 1, 600000, &v))
+                return usage_error("--timeout needs milliseconds (1..600000)");
             o.timeout_ms = static_cast<int>(v);
             ++i;
-        } else if (a == "-h" || a == "--help") {
-            return usage();
+        } else if (a == "-h" || a == "--help" || a == "help") {
+            std::fputs(kUsage, stdout);
+            return 0;
         } else {
             o.args.push_back(a);
         }
     }
-    if (o.args.empty())
-        return usage();
+    if (o.args.empty()) {
+        std::fputs(kUsage, stderr);
+        return kExitUsage;
+    }
     return run(o);
 }
