@@ -507,7 +507,7 @@ def main():
             if name not in ("data_readonly", "file_size_limit") and run.data_files() != run.saved:
                 raise CheckFailed("a calibration file changed")
             rows.append((name, inj, lg, rec, "ok"))
-        except CheckFailed as e:
+        except (CheckFailed, OSError, subprocess.SubprocessError) as e:
             failed += 1
             rows.append((name, "", "", "", f"FAIL: {e}"))
             if run is not None and (args.verbose or args.keep):
