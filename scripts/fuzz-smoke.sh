@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Builds the libFuzzer targets (tests/fuzz) with clang and runs each briefly. Any crash, sanitizer
-# report or leak fails the script. The run time per target is AFD_FUZZ_SECONDS (default 12; seven
-# targets, so 84 s of fuzzing in all, plus a few minutes of build on two cores the first time); the
+# report or leak fails the script. The run time per target is AFD_FUZZ_SECONDS (default 12; eight
+# targets, so 96 s of fuzzing in all, plus a few minutes of build on two cores the first time); the
 # build directory is AFD_FUZZ_BUILD (default build-fuzz), where the corpora grow from run to run,
 # seeded from tests/fuzz/corpus/<target>/. The long campaign is scripts/fuzz-campaign.sh.
 set -euo pipefail
@@ -24,7 +24,7 @@ cmake --build "$BUILD" -j"$(nproc)"
 
 status=0
 for target in fuzz_stat_frame fuzz_exposure fuzz_isp_replies fuzz_command fuzz_data_files \
-    fuzz_pin_file fuzz_scenario; do
+    fuzz_pin_file fuzz_tuning fuzz_scenario; do
     corpus="$BUILD/corpus/$target"
     mkdir -p "$corpus"
     cp -n "$ROOT/tests/fuzz/corpus/$target/"* "$corpus/" 2>/dev/null || true
