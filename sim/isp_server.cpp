@@ -188,8 +188,8 @@ bool IspServer::send_faulty(int fd, const uint8_t* p, size_t n, const char* what
         case IspAction::kWrongSize:
             std::fprintf(stderr, "vcam: fault: %s reply of %d bytes instead of %zu\n", what, f.size,
                          n);
-            out.assign(static_cast<size_t>(f.size), 0);
-            std::memcpy(out.data(), p, std::min(n, out.size()));
+            out.assign(p, p + std::min(n, static_cast<size_t>(f.size)));
+            out.resize(static_cast<size_t>(f.size), 0);
             break;
         default: {
             std::fprintf(stderr, "vcam: fault: %d junk bytes in front of the %s reply\n", f.bytes,
