@@ -124,10 +124,18 @@ TEST_F(CurveTest, PointBeyondTheFocusRangeFallsBackToTheDefaultCurve) {
     write_curve(half);
     EXPECT_NE(load().find("beyond the focus range"), std::string::npos);
     EXPECT_EQ(curve_get_point(0), 6000);
-    // The reference-point form: only its reference point is a position.
-    write_curve(file_with(0xAA55, 59779));
-    EXPECT_NE(load().find("beyond the focus range"), std::string::npos);
-    EXPECT_EQ(curve_get_point(0), 6000);
+    // The reference-point form: only its reference point is a position, and the Hall values of a
+    // file not used are not used either. A half-step reference below 2250 is doubled twice, which
+    // takes the curve out of the range.
+    const uint8_t iris_offset = lc_get_settings().iris_offset;
+    for (const uint16_t r0 : {uint16_t(59779), uint16_t(1788)}) {
+        std::vector<uint16_t> v = file_with(0xAA55, r0);
+        v[1] = static_cast<uint16_t>((40 << 8) | (255 - 40));
+        write_curve(v);
+        EXPECT_NE(load().find("beyond the focus range"), std::string::npos) << r0;
+        EXPECT_EQ(curve_get_point(0), 6000) << r0;
+        EXPECT_EQ(lc_get_settings().iris_offset, iris_offset) << r0;
+    }
 }
 
 TEST_F(CurveTest, ReferencePointCarriesPackedHallValues) {
