@@ -370,11 +370,19 @@ void ms_iris_drive(uint16_t value) {
     // The limited value is where the iris stands from now on: the automatic loop, relative iris
     // commands and the published state all work from it.
     iris_note_driven(value);
+    const uint32_t failures = spi_ms_failures();
     spi_ms_write(kRegIris, static_cast<uint16_t>(kIrisMax - value));
     // The strobe also latches the control words: with both counts cleared no motor moves.
     g_ms.zoom_word &= kKeepNoCount;
     g_ms.focus_word &= kKeepNoCount;
     write_words();
+    if (spi_ms_failures() != failures) {
+        // The chip may still hold the last move's words with their counts: a strobe now would run
+        // that move again behind the counts' back. No strobe; the next request for this value
+        // tries again.
+        g_ms.last_iris.store(previous, std::memory_order_relaxed);
+        return;
+    }
     gpio_set_vd(1);
     platform::sleep_us(kIrisSettleUs);
 }
