@@ -8,7 +8,8 @@ in its frame loop, starts vcam's timeline (the faults' clock, --hold-timeline) a
                several sends, a reply held back past the daemon's reply timeout, replies of the
                wrong size (short, long, exposure record), junk bytes in the stream;
   lens chips   a stuck busy line during a zoom and during a focus search, a dead zoom home sensor
-               during a re-home, a burst of SPI bus errors during a zoom;
+               during a re-home, a burst of SPI bus errors during a zoom (LC898201; the busy
+               line and the bus errors on the MS41908 too);
   files        /data unwritable (the daemon runs as an unprivileged user and the directory is made
                read-only), and the file-size limit hit while saving (prlimit on the running
                daemon).
