@@ -78,6 +78,28 @@ void apply_events(const Scenario& sc, size_t count, double t, SceneState* s) {
     }
 }
 
+// Image coordinates (rectangles, light positions) may lie outside the picture, for objects that
+// enter or pass by, but within this many picture sizes: the renderer works in pixels and block
+// indexes, which a coordinate of 1e100 would overflow.
+constexpr double kCoordLimit = 100.0;
+
+// Ranges of the fields a timeline event may change, as for their initial values.
+struct FieldRange {
+    double lo, hi;
+};
+constexpr FieldRange kObjectRanges[] = {{-kCoordLimit, kCoordLimit},
+                                        {-kCoordLimit, kCoordLimit},
+                                        {-kCoordLimit, kCoordLimit},
+                                        {-kCoordLimit, kCoordLimit},
+                                        {1, 1e7},
+                                        {0, 1e6},
+                                        {0, 1},
+                                        {0, 1}};
+constexpr FieldRange kLightRanges[] = {
+    {-kCoordLimit, kCoordLimit}, {-kCoordLimit, kCoordLimit}, {1, 1e7}, {0, 1e6}, {0, 1}};
+constexpr FieldRange kSceneRanges[] = {{0, 1000}, {-100, 100}, {-100, 100}};
+constexpr FieldRange kLensRanges[] = {{0, kZoomMax}, {0, kFocusMax}, {0, 1e6}};
+
 // ---- YAML reading with messages that point at the file, line and field
 
 class Reader {
@@ -174,6 +196,9 @@ class Reader {
             if (!YAML::convert<double>::decode(n[i], v) || !std::isfinite(v))
                 return fail(n[i], join(path, key) + "[" + std::to_string(i) + "]",
                             "expected a number, got '" + text(n[i]) + "'");
+            if (std::fabs(v) > kCoordLimit)
+                return fail(n[i], join(path, key) + "[" + std::to_string(i) + "]",
+                            "outside -100 .. 100 (image coordinates)");
             dst[i] = v;
         }
         return true;
@@ -445,6 +470,15 @@ bool read_fields(Reader& r, const YAML::Node& set, const std::string& path, int 
         }
         if (kind == kObject && key == "distance" && v < 1)
             return r.fail(kv.second, fp, "distance must be >= 1 mm");
+        const FieldRange& range = (kind == kObject  ? kObjectRanges
+                                   : kind == kLight ? kLightRanges
+                                   : kind == kScene ? kSceneRanges
+                                                    : kLensRanges)[f];
+        if (v < range.lo || v > range.hi) {
+            std::ostringstream o;
+            o << "value " << v << " outside " << range.lo << " .. " << range.hi;
+            return r.fail(kv.second, fp, o.str());
+        }
         e->fields.push_back({code, v});
     }
     return true;
