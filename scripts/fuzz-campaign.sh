@@ -58,7 +58,7 @@ for t in "${targets[@]}"; do
     [[ -d "$ROOT/tests/fuzz/corpus/$t" ]] && cp -n "$ROOT/tests/fuzz/corpus/$t/"* "$camp/$t/" 2>/dev/null || true
     read -r n1 rc1 <<<"$(fuzz "$t" "$RUNS" "$PROBE" "$camp/$t.probe.log")"
     rate=$((n1 / PROBE))
-    outcome=ok total=$n1 secs=$PROBE
+    outcome=ok total=$n1 secs=$PROBE faillog="$camp/$t.probe.log"
     if [[ $rc1 != 0 ]]; then
         outcome="FOUND (see $camp/$t.probe.log)"
     elif ((n1 < RUNS)); then
@@ -68,13 +68,12 @@ for t in "${targets[@]}"; do
         start=$(date +%s)
         read -r n2 rc2 <<<"$(fuzz "$t" "$left" "$((BUDGET - PROBE))" "$camp/$t.log")"
         total=$((n1 + n2)) secs=$((PROBE + $(date +%s) - start))
-        [[ $rc2 == 0 ]] || outcome="FOUND (see $camp/$t.log)"
+        [[ $rc2 == 0 ]] || outcome="FOUND (see $camp/$t.log)" faillog="$camp/$t.log"
     fi
     # A timeout that does not come back when its input runs alone was the machine, not the code.
     if [[ $outcome != ok ]]; then
-        log=$(ls -t "$camp/$t".*log "$camp/$t.log" 2>/dev/null | head -1)
-        art=$(ls -t "$camp/artifacts/$t-timeout-"* 2>/dev/null | head -1)
-        if grep -q "ERROR: libFuzzer: timeout" "$log" && [[ -n $art ]] &&
+        art=$(ls -t "$camp/artifacts/$t-timeout-"* 2>/dev/null | head -1 || true)
+        if grep -q "ERROR: libFuzzer: timeout" "$faillog" && [[ -n $art ]] &&
             (cd "$camp" && "$BUILD/$t" -timeout="$TIMEOUT" "$art" >"$camp/$t.retry.log" 2>&1); then
             outcome="ok, timeout not reproducible ($(basename "$art") runs through alone)"
         fi
