@@ -52,6 +52,11 @@ void install_signals() {
     if (sigemptyset(&ign.sa_mask) < 0 || sigaction(SIGPIPE, &ign, nullptr) < 0) {
         dbg_line("Error on sigaction SIGPIPE ");
     }
+    // Nor must a write past the process's file-size limit (a limit set by the init system or an
+    // operator): ignored, the signal turns into a failed write (EFBIG), which the crash-safe
+    // writer reports while the old file stays whole, and which the log simply loses.
+    if (sigaction(SIGXFSZ, &ign, nullptr) < 0)
+        dbg_line("Error on sigaction SIGXFSZ ");
 }
 
 void report_homing(uint8_t result) {

@@ -117,6 +117,18 @@ void send_to(const uint8_t* buf, size_t len, const sockaddr_in& to) {
         return;
     sendto(g_cmd.reply_fd, buf, len, 0, reinterpret_cast<const sockaddr*>(&to), sizeof to);
 }
+// A re-home that fails (a dead home sensor, a stuck motor) leaves the counts at 0 and the lens
+// unreferenced: said in the log and in the homing status the control software reads, as at
+// start-up. A later re-home that succeeds sets the status back to OK.
+void report_rehome(uint8_t result) {
+    static const char* const kWhat[] = {"", "zoom fail", "focus fail", "focus fail, zoom fail"};
+    static const uint8_t kStatus[] = {1, 2, 3, 4};
+    result &= kZoomHomeFailed | kFocusHomeFailed;
+    if (result != 0)
+        traceout("%s: re-home: %s\n", dbg_timestamp(), kWhat[result]);
+    command_set_homing_error(kStatus[result]);
+}
+
 void send_reply(const uint8_t* buf, size_t len) {
     send_to(buf, len, g_cmd.reply_addr);
 }
@@ -279,7 +291,7 @@ void handle_read(uint8_t* buf, size_t len, const sockaddr_in& from) {
             const uint16_t f0 = lens_get_focus_pos();
             command_set_autofocus_mode(0);
             end_motion();
-            lens_motor_rehome();
+            report_rehome(lens_motor_rehome());
             g_cmd.rehome_focus = static_cast<int16_t>(lc_focus_travel() + f0 - 2400);
             g_cmd.rehome_zoom = static_cast<int16_t>(lc_zoom_travel() + z0 - 6378);
             put16(buf + 2, static_cast<uint16_t>(g_cmd.rehome_focus));

@@ -107,6 +107,7 @@ struct LinkState {
 
     uint64_t next_retry_us = 0;
     bool retry_logged = false;
+    DbgRepeat out_of_step;  // "out of step" lines of a service that keeps sending wrong sizes
     uint32_t reply_timeout_ms = kDefaultReplyTimeoutMs;
 };
 
@@ -181,6 +182,30 @@ ssize_t recv_all(int fd, uint8_t* buf, std::size_t n) {
         done += static_cast<std::size_t>(r);
     }
     return static_cast<ssize_t>(n);
+}
+
+// The link is strict request/reply: once a reply is complete, nothing more can be waiting. Bytes
+// that are mean the stream is out of step (a reply longer than its record, junk from a confused
+// service) and every later reply would be read from the wrong offset, so the reply just read is
+// suspect too. Returns the number of stray bytes seen (0: in step). Costs one non-blocking peek.
+ssize_t stray_bytes(int fd) {
+    uint8_t peek[64];
+    const ssize_t r = recv(fd, peek, sizeof peek, MSG_PEEK | MSG_DONTWAIT);
+    return r > 0 ? r : 0;
+}
+
+void report_out_of_step(const char* request, ssize_t stray) {
+    uint32_t held = 0;
+    if (!g_link.out_of_step.admit(&held))
+        return;
+    if (held == 0)
+        traceout("%s %s: ISP link out of step (%d stray bytes after the reply), need reconnect \n",
+                 dbg_timestamp(), request, static_cast<int>(stray));
+    else
+        traceout(
+            "%s %s: ISP link out of step (%d stray bytes after the reply), need reconnect "
+            "(%u more since the last report)\n",
+            dbg_timestamp(), request, static_cast<int>(stray), held);
 }
 
 void close_link_locked() {
@@ -274,6 +299,11 @@ int attr_setup_locked() {
     if (recv_all(fd, attr_record(), kAfAttrSize) != static_cast<ssize_t>(kAfAttrSize)) {
         close_link_locked();
         traceout("%s recv GET_AF_ATTR failed \n", dbg_timestamp());
+        return -1;
+    }
+    if (const ssize_t stray = stray_bytes(fd); stray > 0) {
+        close_link_locked();
+        report_out_of_step("GET_AF_ATTR", stray);
         return -1;
     }
     std::printf("AF win_mu: %d  %d\n", attr_record()[kAttrWinMu], get_s16(kAttrCoeffB));
@@ -395,6 +425,12 @@ int Get_ISP_VD() {
         traceout("Get_ISP_VD: recv from soc failed, need reconnect \n");
         return 1;
     }
+    // The frame is not used: the service's stream cannot be trusted up to this point.
+    if (const ssize_t stray = stray_bytes(fd); stray > 0) {
+        close_link_locked();
+        report_out_of_step("Get_ISP_VD", stray);
+        return 1;
+    }
     g_link.front.store(back, std::memory_order_release);
 
     // On virtual time the frame's capture time, carried in the header, is "now".
@@ -434,6 +470,11 @@ int isp_read_exposure() {
         traceout("%s recv GET_AE_EXP_INFO failed \n", dbg_timestamp());
         return -1;
     }
+    if (const ssize_t stray = stray_bytes(fd); stray > 0) {
+        close_link_locked();
+        report_out_of_step("GET_AE_EXP_INFO", stray);
+        return -1;
+    }
     const ExposureValues v = isp_decode_exposure(rec);
     g_link.exp_gain_ratio.store(v.gain_ratio, std::memory_order_relaxed);
     g_link.exp_index.store(v.index, std::memory_order_relaxed);
@@ -458,6 +499,11 @@ void set_filter_param(uint8_t a, uint8_t b, uint16_t c, uint16_t d) {
     } else if ((r = recv_all(fd, attr_record(), kAfAttrSize)) !=
                static_cast<ssize_t>(kAfAttrSize)) {
         line = 381;
+    } else if (const ssize_t stray = stray_bytes(fd); stray > 0) {
+        // Writing back a record read out of step would set the ISP's filters from junk.
+        close_link_locked();
+        report_out_of_step("set_filter_param", stray);
+        return;
     } else {
         attr_record()[kAttrFilterA] = a;
         attr_record()[kAttrFilterB] = b;
@@ -605,6 +651,7 @@ void isp_link_reset_for_testing() {
     g_link.change_count = 0;
     g_link.low_light_listener.store(nullptr);
     g_link.reply_timeout_ms = kDefaultReplyTimeoutMs;
+    g_link.out_of_step.reset();
 }
 
 void isp_set_reply_timeout_ms_for_testing(uint32_t ms) {

@@ -14,7 +14,10 @@
 // silent for longer than the reply timeout (3 s: the slowest frame rate is 25 fps, so a frame three
 // seconds late means the service has hung) all close the link with the request's failure message.
 // A statistics frame lands in a second buffer and becomes the current frame only once complete,
-// so nobody ever sees half a frame.
+// so nobody ever sees half a frame. The exchange is strict request/reply, so bytes still waiting
+// once a reply is complete mean the stream is out of step (a reply of the wrong size, junk): the
+// reply is discarded and the link closed to be reconnected in step ("out of step" lines, limited
+// to one per 5 s while a service keeps doing it).
 //
 // Reconnect. When the ISP service restarts the link is lost. Get_ISP_VD then tries to connect
 // again at most once a second (platform clock), the first time on the call after the loss; on

@@ -203,15 +203,19 @@ void load_move(const Channel& ch, uint8_t direction, uint8_t steps) {
     write16(ch.count_lo, static_cast<uint16_t>(steps * ch.pulses_per_step));
 }
 
-// One move of a channel. False when the channel was stuck busy and nothing was started.
+// One move of a channel. False when the channel was stuck busy, or the bus failed while the move
+// was loaded or started: then nothing was started (a half-loaded move is not started at all).
 bool channel_step(const Channel& ch, uint8_t direction, uint8_t steps) {
     if (steps == 0)
         return true;
     if (!wait_idle(ch, 0))
         return false;
+    const uint32_t failures = spi_lc_failures();
     load_move(ch, direction, steps);
+    if (spi_lc_failures() != failures)
+        return false;
     spi_lc_write8(ch.start_reg, 1);
-    return true;
+    return spi_lc_failures() == failures;
 }
 
 bool sensor_on(uint16_t reg) {
@@ -431,24 +435,32 @@ void lc_zoom_step(uint8_t direction, uint8_t steps) {
 void lc_move_both(uint8_t zoom_dir, uint8_t zoom_steps, uint8_t focus_dir, uint8_t focus_steps) {
     // Both channels are loaded before either starts, and their periods are matched so that they
     // finish together (focus gives 2 pulses per step, zoom 4). A channel stuck busy is dropped
-    // and reported to the position counts; the other one still moves.
+    // and reported to the position counts; the other one still moves. So is a channel whose
+    // registers the bus failed to load (it is not started on half-written registers) or whose
+    // start did not reach the chip: the counts must follow only what the motors did.
     bool focus_go = false;
     bool zoom_go = false;
+    uint32_t failures = spi_lc_failures();
     if (focus_steps != 0) {
         focus_go = wait_idle(kFocus, 0);
         if (focus_go)
             load_move(kFocus, focus_dir, focus_steps);
-        else
+        if (focus_go && spi_lc_failures() != failures)
+            focus_go = false;
+        if (!focus_go)
             lens_report_dropped(kMoveFocusDropped);
     }
     if (zoom_steps != 0) {
+        failures = spi_lc_failures();
         zoom_go = wait_idle(kZoom, 0);
         if (zoom_go) {
             load_move(kZoom, zoom_dir, zoom_steps);
             spi_lc_write8(kRegZoomGain, g_lc.settings.zoom_gain);
-        } else {
-            lens_report_dropped(kMoveZoomDropped);
         }
+        if (zoom_go && spi_lc_failures() != failures)
+            zoom_go = false;
+        if (!zoom_go)
+            lens_report_dropped(kMoveZoomDropped);
     }
     if (focus_go) {
         uint16_t period;
@@ -456,14 +468,22 @@ void lc_move_both(uint8_t zoom_dir, uint8_t zoom_steps, uint8_t focus_dir, uint8
             period = focus_steps <= 50 ? kPeriod.v[focus_steps / 2] : kFocusPeriodFast;
         else
             period = focus_steps <= 80 ? kFocusPeriodAlone : kFocusPeriodFast;
+        failures = spi_lc_failures();
         write16(kRegFocusPeriodLo, period);
-        spi_lc_write8(kRegFocusStart, 1);
+        if (spi_lc_failures() == failures)
+            spi_lc_write8(kRegFocusStart, 1);
+        if (spi_lc_failures() != failures)
+            lens_report_dropped(kMoveFocusDropped);
     }
     if (zoom_go) {
         // The table ends at 122 steps; longer zoom moves take its last (fastest) period.
         const uint8_t idx = zoom_steps < 123 ? zoom_steps : 122;
+        failures = spi_lc_failures();
         write16(kRegZoomPeriodLo, kPeriod.v[idx]);
-        spi_lc_write8(kRegZoomStart, 1);
+        if (spi_lc_failures() == failures)
+            spi_lc_write8(kRegZoomStart, 1);
+        if (spi_lc_failures() != failures)
+            lens_report_dropped(kMoveZoomDropped);
     }
 }
 

@@ -217,7 +217,10 @@ bool channel_step(bool zoom, uint8_t direction, uint8_t steps, const char* who) 
     uint16_t& other = zoom ? g_ms.focus_word : g_ms.zoom_word;
     own = with_count(with_direction(own, direction), pulses);
     other &= kKeepNoCount;
+    const uint32_t failures = spi_ms_failures();
     write_words();
+    if (spi_ms_failures() != failures)
+        return false;  // not strobed: nothing latched, nothing moved (see ms_move_both)
     gpio_set_vd(1);
     return true;
 }
@@ -367,11 +370,19 @@ void ms_iris_drive(uint16_t value) {
     // The limited value is where the iris stands from now on: the automatic loop, relative iris
     // commands and the published state all work from it.
     iris_note_driven(value);
+    const uint32_t failures = spi_ms_failures();
     spi_ms_write(kRegIris, static_cast<uint16_t>(kIrisMax - value));
     // The strobe also latches the control words: with both counts cleared no motor moves.
     g_ms.zoom_word &= kKeepNoCount;
     g_ms.focus_word &= kKeepNoCount;
     write_words();
+    if (spi_ms_failures() != failures) {
+        // The chip may still hold the last move's words with their counts: a strobe now would run
+        // that move again behind the counts' back. No strobe; the next request for this value
+        // tries again.
+        g_ms.last_iris.store(previous, std::memory_order_relaxed);
+        return;
+    }
     gpio_set_vd(1);
     platform::sleep_us(kIrisSettleUs);
 }
@@ -404,10 +415,19 @@ void ms_move_both(uint8_t zoom_dir, uint8_t zoom_steps, uint8_t focus_dir, uint8
     const uint16_t focus_period = zoom_steps != 0
                                       ? static_cast<uint16_t>(2 * ms_period_for_steps(focus_steps))
                                       : kFocusAlonePeriod;
+    const uint32_t failures = spi_ms_failures();
     spi_ms_write(kRegFocusPeriod, focus_period);
     spi_ms_write(kRegFocusWord, g_ms.focus_word);
     spi_ms_write(kRegZoomPeriod, ms_period_for_steps(zoom_steps));
     spi_ms_write(kRegZoomWord, g_ms.zoom_word);
+    if (spi_ms_failures() != failures) {
+        // The chip holds a mix of old and new words: no strobe, so it latches none of them and
+        // the move is dropped from the counts. vd stays low; the next move's strobe (its rising
+        // edge) latches that move's own words.
+        lens_report_dropped(static_cast<uint8_t>((zoom_steps != 0 ? kMoveZoomDropped : 0) |
+                                                 (focus_steps != 0 ? kMoveFocusDropped : 0)));
+        return;
+    }
     gpio_set_vd(1);
 }
 

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <linux/spi/spidev.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <initializer_list>
@@ -34,6 +35,7 @@ uint32_t g_busNumber = kDefaultBus;
 struct LinkReports {
     DbgRepeat open;
     DbgRepeat transfer;
+    std::atomic<uint32_t> failures{0};  // failed transfers since start, for the drivers
 };
 LinkReports g_lcReports;
 LinkReports g_msReports;
@@ -54,6 +56,7 @@ void open_failure(const SpiLink& link, const char* fmt, int a, int b = 0) {
 }
 
 void transfer_failure(const SpiLink& link) {
+    reports_of(link).failures.fetch_add(1, std::memory_order_relaxed);
     dbg_line_limited(reports_of(link).transfer, "send spi error");
 }
 
@@ -270,6 +273,14 @@ int spi_ms_write(uint8_t reg, uint16_t value) {
         return 1;
     }
     return ret;
+}
+
+uint32_t spi_lc_failures() {
+    return g_lcReports.failures.load(std::memory_order_relaxed);
+}
+
+uint32_t spi_ms_failures() {
+    return g_msReports.failures.load(std::memory_order_relaxed);
 }
 
 SpiLinkInfo spi_lc_info() {

@@ -33,6 +33,11 @@ void spi_ms_close();
 uint16_t spi_ms_read(uint8_t reg);
 int spi_ms_write(uint8_t reg, uint16_t value);
 
+// Failed transfers on each link since start. A driver compares the count before and after the
+// writes of a move: a move whose set-up or start did not reach the chip did not happen.
+uint32_t spi_lc_failures();
+uint32_t spi_ms_failures();
+
 // Link state, for diagnostics and tests.
 struct SpiLinkInfo {
     int fd;

@@ -73,6 +73,12 @@ class Camera {
     // long the daemon's start-up took. go must outlive the camera; null runs the timeline from
     // the first frame as usual.
     void hold_timeline_until(const std::atomic<bool>* go) { timeline_go_ = go; }
+    // Scene time (s) at capture time t_us, or -1 while the timeline is held at its start.
+    double scene_clock(uint64_t t_us) const {
+        if (timeline_go_ != nullptr && !timeline_started_)
+            return -1.0;
+        return scene_time(static_cast<double>(t_us) / 1e6);
+    }
     // Lens activity summary for long runs (not owned; nullptr: none).
     void set_activity_log(ActivityLog* log) { activity_ = log; }
 

@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <cstring>
 #include <thread>
+#include <vector>
 
 #include "data/frame_stamp.h"
 #include "sim/rng.h"
@@ -52,6 +53,15 @@ IspServer::~IspServer() {
 }
 
 int IspServer::listen() {
+    if (open_listener(cfg_.port) != 0)
+        return -1;
+    t0_ = std::chrono::steady_clock::now();
+    std::fprintf(stderr, "vcam: ISP service on %s:%u, %s time, %.3g frames/s\n", cfg_.addr.c_str(),
+                 port_, cfg_.mode == TimeMode::kVirtual ? "virtual" : "real", cam_->scenario().fps);
+    return 0;
+}
+
+int IspServer::open_listener(uint16_t port) {
     listen_fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (listen_fd_ < 0) {
         std::fprintf(stderr, "vcam: socket: %s\n", std::strerror(errno));
@@ -61,23 +71,22 @@ int IspServer::listen() {
     setsockopt(listen_fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
     sockaddr_in a{};
     a.sin_family = AF_INET;
-    a.sin_port = htons(cfg_.port);
+    a.sin_port = htons(port);
     if (inet_pton(AF_INET, cfg_.addr.c_str(), &a.sin_addr) != 1) {
         std::fprintf(stderr, "vcam: bad ISP address '%s'\n", cfg_.addr.c_str());
         return -1;
     }
     if (bind(listen_fd_, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 ||
         ::listen(listen_fd_, 4) != 0) {
-        std::fprintf(stderr, "vcam: cannot listen on %s:%u: %s\n", cfg_.addr.c_str(), cfg_.port,
+        std::fprintf(stderr, "vcam: cannot listen on %s:%u: %s\n", cfg_.addr.c_str(), port,
                      std::strerror(errno));
+        close(listen_fd_);
+        listen_fd_ = -1;
         return -1;
     }
     socklen_t len = sizeof a;
     getsockname(listen_fd_, reinterpret_cast<sockaddr*>(&a), &len);
     port_ = ntohs(a.sin_port);
-    t0_ = std::chrono::steady_clock::now();
-    std::fprintf(stderr, "vcam: ISP service on %s:%u, %s time, %.3g frames/s\n", cfg_.addr.c_str(),
-                 port_, cfg_.mode == TimeMode::kVirtual ? "virtual" : "real", cam_->scenario().fps);
     return 0;
 }
 
@@ -112,7 +121,25 @@ bool IspServer::read_virtual_now(uint64_t* now) {
     return true;
 }
 
-bool IspServer::send_reply(int fd, const uint8_t* p, size_t n, const char* what) {
+double IspServer::scene_now() {
+    uint64_t t = last_stamp_us_;
+    if (cfg_.mode == TimeMode::kReal) {
+        t = now_us();
+    } else {
+        uint64_t page_now = 0;
+        if (read_virtual_now(&page_now))
+            t = std::max(t, page_now);
+    }
+    return cam_->scene_clock(t);
+}
+
+bool IspServer::send_reply(int fd, const uint8_t* p, size_t n, const char* what, ReplyClass rc,
+                           const std::atomic<bool>& stop) {
+    if (faults_ != nullptr) {
+        const IspAction a = faults_->on_reply(scene_now(), rc);
+        if (a.kind != IspAction::kNormal)
+            return send_faulty(fd, p, n, what, a, stop);
+    }
     ++stats_.sends;
     const ssize_t sent = send(fd, p, n, MSG_NOSIGNAL);
     if (sent != static_cast<ssize_t>(n)) {
@@ -121,6 +148,65 @@ bool IspServer::send_reply(int fd, const uint8_t* p, size_t n, const char* what)
         return false;
     }
     return true;
+}
+
+// A reply as a fault makes it. False when the connection is to be closed.
+bool IspServer::send_faulty(int fd, const uint8_t* p, size_t n, const char* what,
+                            const IspAction& a, const std::atomic<bool>& stop) {
+    const FaultSpec& f = *a.fault;
+    std::vector<uint8_t> out;
+    switch (a.kind) {
+        case IspAction::kDrop:
+            std::fprintf(stderr, "vcam: fault: dropping the connection instead of the %s reply\n",
+                         what);
+            return false;
+        case IspAction::kSplit: {
+            // Pieces a few milliseconds apart leave as separate segments (TCP_NODELAY).
+            const size_t parts = std::min(static_cast<size_t>(f.parts), n);
+            size_t done = 0;
+            for (size_t i = 0; i < parts; ++i) {
+                const size_t len = (n - done) / (parts - i);
+                ++stats_.sends;
+                if (send(fd, p + done, len, MSG_NOSIGNAL) != static_cast<ssize_t>(len))
+                    return false;
+                done += len;
+                if (i + 1 < parts)
+                    std::this_thread::sleep_for(std::chrono::milliseconds(3));
+            }
+            return true;
+        }
+        case IspAction::kStall: {
+            std::fprintf(stderr, "vcam: fault: holding the %s reply back for %.1f s\n", what,
+                         f.stall_s);
+            const auto until = std::chrono::steady_clock::now() +
+                               std::chrono::milliseconds(static_cast<int64_t>(f.stall_s * 1000));
+            while (std::chrono::steady_clock::now() < until && !stop.load())
+                std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            out.assign(p, p + n);
+            break;
+        }
+        case IspAction::kWrongSize:
+            std::fprintf(stderr, "vcam: fault: %s reply of %d bytes instead of %zu\n", what, f.size,
+                         n);
+            out.assign(p, p + std::min(n, static_cast<size_t>(f.size)));
+            out.resize(static_cast<size_t>(f.size), 0);
+            break;
+        default: {
+            std::fprintf(stderr, "vcam: fault: %d junk bytes in front of the %s reply\n", f.bytes,
+                         what);
+            Rng rng(mix64(static_cast<uint64_t>(f.bytes) ^ stats_.sends));
+            for (int i = 0; i < f.bytes; ++i)
+                out.push_back(static_cast<uint8_t>(rng.uniform() * 256.0));
+            out.insert(out.end(), p, p + n);
+            break;
+        }
+    }
+    ++stats_.sends;
+    if (out.empty())
+        return true;
+    // A client that gave up during a stall has closed its end: the send may fail, which simply
+    // ends this connection.
+    return send(fd, out.data(), out.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(out.size());
 }
 
 bool IspServer::send_frame(int fd, const std::atomic<bool>& stop) {
@@ -160,7 +246,8 @@ bool IspServer::send_frame(int fd, const std::atomic<bool>& stop) {
     cam_->frame(k, stamp, buf, want_truth ? &truth : nullptr);
     have_last_ = true;
     last_k_ = k;
-    if (!send_reply(fd, buf, sizeof buf, "Get_ISP_VD"))
+    last_stamp_us_ = stamp;
+    if (!send_reply(fd, buf, sizeof buf, "Get_ISP_VD", ReplyClass::kFrame, stop))
         return false;
     ++stats_.frames;
     if (want_truth)
@@ -177,6 +264,8 @@ bool IspServer::serve_client(int fd, const std::atomic<bool>& stop) {
         const int pr = poll(&p, 1, kPollMs);
         if (stop.load())
             return false;
+        if (faults_ != nullptr)
+            faults_->update(scene_now());
         if (pr <= 0)
             continue;
         uint8_t code = 0;
@@ -204,7 +293,7 @@ bool IspServer::serve_client(int fd, const std::atomic<bool>& stop) {
             case 2: {
                 uint8_t rec[kAfAttrSize];
                 cam_->af_attr(rec);
-                if (!send_reply(fd, rec, sizeof rec, code_name(code)))
+                if (!send_reply(fd, rec, sizeof rec, code_name(code), ReplyClass::kAttr, stop))
                     return true;
                 break;
             }
@@ -245,7 +334,7 @@ bool IspServer::serve_client(int fd, const std::atomic<bool>& stop) {
             case 4: {
                 uint8_t rec[kExposureRecordSize];
                 cam_->exposure_record(rec);
-                if (!send_reply(fd, rec, sizeof rec, code_name(code)))
+                if (!send_reply(fd, rec, sizeof rec, code_name(code), ReplyClass::kExposure, stop))
                     return true;
                 break;
             }
@@ -264,8 +353,28 @@ void IspServer::run(const std::atomic<bool>& stop) {
     while (!stop.load()) {
         if (cfg_.max_frames != 0 && stats_.frames >= cfg_.max_frames)
             break;
+        // A service that is down has no listening socket: connections are refused outright.
+        if (faults_ != nullptr && faults_->refusing(scene_now())) {
+            if (listen_fd_ >= 0) {
+                std::fprintf(stderr, "vcam: fault: ISP service down\n");
+                close(listen_fd_);
+                listen_fd_ = -1;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+            continue;
+        }
+        if (listen_fd_ < 0) {
+            if (open_listener(port_) != 0) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(50));
+                continue;
+            }
+            std::fprintf(stderr, "vcam: ISP service up again\n");
+        }
         pollfd p{listen_fd_, POLLIN, 0};
-        if (poll(&p, 1, kPollMs) <= 0)
+        const int pr = poll(&p, 1, kPollMs);
+        if (faults_ != nullptr)
+            faults_->update(scene_now());
+        if (pr <= 0)
             continue;
         const int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
         if (fd < 0)

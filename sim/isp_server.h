@@ -9,6 +9,13 @@
 // code, a client that closes mid-request, a short SET) is logged and the connection closed;
 // the service then waits for the next client.
 //
+// Faults (sim/faults.h): a plan handed in with set_faults makes chosen replies go out wrong: the
+// connection closed instead of answering (and, for a window, the service down: its listening
+// socket closed, so connections are refused), the reply
+// split over several sends a few milliseconds apart, held back for a while, cut or padded to
+// another size, or preceded by junk bytes in the same send. The plan's lens faults are switched
+// from here too, on every request and every idle poll.
+//
 // Frame timing:
 //   real time:    frames are captured on a grid of the scenario's frame period from the moment
 //                 the service starts; a frame request is answered when the first frame after the
@@ -26,6 +33,7 @@
 #include <string>
 
 #include "sim/camera.h"
+#include "sim/faults.h"
 #include "sim/telemetry.h"
 
 namespace vcam {
@@ -65,9 +73,18 @@ class IspServer {
 
     const ServerStats& stats() const { return stats_; }
 
+    // Faults to inject (nullptr: none). The plan must outlive run().
+    void set_faults(FaultPlan* plan) { faults_ = plan; }
+
   private:
+    int open_listener(uint16_t port);
     bool serve_client(int fd, const std::atomic<bool>& stop);
-    bool send_reply(int fd, const uint8_t* p, size_t n, const char* what);
+    bool send_reply(int fd, const uint8_t* p, size_t n, const char* what, ReplyClass rc,
+                    const std::atomic<bool>& stop);
+    bool send_faulty(int fd, const uint8_t* p, size_t n, const char* what, const IspAction& a,
+                     const std::atomic<bool>& stop);
+    // Scene time now (s), -1 while the timeline is held.
+    double scene_now();
     bool send_frame(int fd, const std::atomic<bool>& stop);
     uint64_t now_us() const;
     bool read_virtual_now(uint64_t* now);
@@ -82,6 +99,8 @@ class IspServer {
     uint64_t last_k_ = 0;
     std::chrono::steady_clock::time_point t0_;
     const volatile uint8_t* page_ = nullptr;
+    FaultPlan* faults_ = nullptr;
+    uint64_t last_stamp_us_ = 0;
 };
 
 }  // namespace vcam

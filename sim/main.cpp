@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "sim/camera.h"
 #include "sim/hw/hw_server.h"
@@ -51,6 +52,8 @@ void usage(FILE* f) {
         "  --jitter-us J        real-time delivery jitter, +-J microseconds\n"
         "  --frames N           stop after delivering N frames\n"
         "  --hold-timeline      hold the scenario's timeline at its start until SIGUSR1\n"
+        "  --fault SPEC         inject a fault, e.g. fault=isp_stall,at=3,stall=4 or\n"
+        "                       fault=zoom_busy,at=2,for=1.5 (repeatable; sim/faults.h)\n"
         "  --check              only read and check the scenario\n");
 }
 
@@ -59,11 +62,11 @@ void usage(FILE* f) {
 // are attached the lens stays where the scenario puts it, or follows the scenario's lens script.
 // With AFD_SIM_SOCKET set, the LC898201 and GPIO emulators serve the daemon's simulation backend
 // on that socket; VCAM_HW holds their settings and faults ("key=value,...", sim/hw/hw_server.h).
-void start_lens_hardware(vcam::LensMechanics& mech, const vcam::Scenario& scenario,
-                         bool virtual_time) {
+vcam::hw::HwServer* start_lens_hardware(vcam::LensMechanics& mech, const vcam::Scenario& scenario,
+                                        bool virtual_time) {
     const char* sock = std::getenv(hwwire::kSocketEnv);
     if (sock == nullptr || *sock == '\0')
-        return;
+        return nullptr;
     vcam::hw::HwConfig cfg;
     std::string err;
     // The unit's gear play from the scenario; VCAM_HW may override it.
@@ -87,6 +90,48 @@ void start_lens_hardware(vcam::LensMechanics& mech, const vcam::Scenario& scenar
     });
     if (server.start(sock) != 0)
         std::exit(2);
+    return &server;
+}
+
+// Lens faults of the plan switch the hardware's fault settings. The MS41908 has one busy line for
+// both channels: it stays set while either busy fault is on.
+void attach_lens_faults(vcam::FaultPlan& plan, vcam::hw::HwServer* hw) {
+    plan.set_lens_hook([hw, zoom_busy = false, focus_busy = false](const vcam::FaultSpec& f,
+                                                                   bool on) mutable {
+        if (hw == nullptr) {
+            std::fprintf(stderr, "vcam: fault %s: no lens hardware (AFD_SIM_SOCKET unset)\n",
+                         vcam::fault_kind_name(f.kind));
+            return;
+        }
+        std::string key;
+        std::string value;
+        switch (f.kind) {
+            case vcam::FaultKind::kZoomBusy:
+            case vcam::FaultKind::kFocusBusy:
+                (f.kind == vcam::FaultKind::kZoomBusy ? zoom_busy : focus_busy) = on;
+                key = f.kind == vcam::FaultKind::kZoomBusy ? "fault.zoom_busy" : "fault.focus_busy";
+                value = on ? "stuck" : "none";
+                break;
+            case vcam::FaultKind::kZoomSensor:
+            case vcam::FaultKind::kFocusSensor:
+                key =
+                    f.kind == vcam::FaultKind::kZoomSensor ? "fault.zoom_home" : "fault.focus_home";
+                value = !on ? "none" : (f.sensor_on ? "stuck_on" : "stuck_off");
+                break;
+            default:
+                key = "fault.spi_transfer";
+                value = on ? "error" : "none";
+                break;
+        }
+        std::string err;
+        if (!hw->set_fault(key, value, &err))
+            std::fprintf(stderr, "vcam: fault %s: %s\n", vcam::fault_kind_name(f.kind),
+                         err.c_str());
+        // The other busy fault may still hold the shared line.
+        if ((f.kind == vcam::FaultKind::kZoomBusy || f.kind == vcam::FaultKind::kFocusBusy) &&
+            !on && (zoom_busy || focus_busy))
+            hw->set_fault(zoom_busy ? "fault.zoom_busy" : "fault.focus_busy", "stuck", &err);
+    });
 }
 
 bool parse_u64(const char* s, uint64_t* out) {
@@ -136,6 +181,7 @@ int main(int argc, char** argv) {
     bool no_noise = false;
     bool have_seed = false;
     uint64_t seed = 0;
+    std::vector<std::string> fault_args;
     int latency = 0;
     double fps = 0;
     double jitter = -1;
@@ -154,6 +200,7 @@ int main(int argc, char** argv) {
         kJitter,
         kFrames,
         kHoldTimeline,
+        kFault,
         kCheck,
         kHelp
     };
@@ -170,6 +217,7 @@ int main(int argc, char** argv) {
                            {"jitter-us", required_argument, nullptr, kJitter},
                            {"frames", required_argument, nullptr, kFrames},
                            {"hold-timeline", no_argument, nullptr, kHoldTimeline},
+                           {"fault", required_argument, nullptr, kFault},
                            {"check", no_argument, nullptr, kCheck},
                            {"help", no_argument, nullptr, kHelp},
                            {nullptr, 0, nullptr, 0}};
@@ -227,6 +275,9 @@ int main(int argc, char** argv) {
             case kHoldTimeline:
                 hold_timeline = true;
                 break;
+            case kFault:
+                fault_args.emplace_back(optarg);
+                break;
             case kCheck:
                 check_only = true;
                 break;
@@ -263,10 +314,20 @@ int main(int argc, char** argv) {
         sc.fps = fps;
     if (jitter >= 0)
         sc.jitter_us = jitter;
+    for (const std::string& a : fault_args) {
+        vcam::FaultSpec f;
+        if (!vcam::fault_parse(a, sc.fps, &f, &error)) {
+            std::fprintf(stderr, "vcam: --fault %s: %s\n", a.c_str(), error.c_str());
+            return 2;
+        }
+        sc.faults.push_back(f);
+    }
     if (check_only) {
-        std::printf("%s: scenario '%s', %zu objects, %zu lights, %zu events, %.3g frames/s\n",
-                    argv[optind], sc.name.c_str(), sc.objects.size(), sc.lights.size(),
-                    sc.timeline.size(), sc.fps);
+        std::printf(
+            "%s: scenario '%s', %zu objects, %zu lights, %zu events, %zu faults, "
+            "%.3g frames/s\n",
+            argv[optind], sc.name.c_str(), sc.objects.size(), sc.lights.size(), sc.timeline.size(),
+            sc.faults.size(), sc.fps);
         return 0;
     }
 
@@ -295,7 +356,11 @@ int main(int argc, char** argv) {
     vcam::IspServer server(&camera, cfg, &telemetry);
     if (server.listen() != 0)
         return 1;
-    start_lens_hardware(mech, sc, cfg.mode == vcam::TimeMode::kVirtual);
+    vcam::hw::HwServer* hw = start_lens_hardware(mech, sc, cfg.mode == vcam::TimeMode::kVirtual);
+    vcam::FaultPlan faults(sc.faults);
+    attach_lens_faults(faults, hw);
+    if (!faults.empty())
+        server.set_faults(&faults);
     server.run(g_stop);
     const vcam::ServerStats& st = server.stats();
     std::fprintf(stderr, "vcam: served %llu frames, %llu protocol errors\n",

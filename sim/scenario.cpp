@@ -78,6 +78,28 @@ void apply_events(const Scenario& sc, size_t count, double t, SceneState* s) {
     }
 }
 
+// Image coordinates (rectangles, light positions) may lie outside the picture, for objects that
+// enter or pass by, but within this many picture sizes: the renderer works in pixels and block
+// indexes, which a coordinate of 1e100 would overflow.
+constexpr double kCoordLimit = 100.0;
+
+// Ranges of the fields a timeline event may change, as for their initial values.
+struct FieldRange {
+    double lo, hi;
+};
+constexpr FieldRange kObjectRanges[] = {{-kCoordLimit, kCoordLimit},
+                                        {-kCoordLimit, kCoordLimit},
+                                        {-kCoordLimit, kCoordLimit},
+                                        {-kCoordLimit, kCoordLimit},
+                                        {1, 1e7},
+                                        {0, 1e6},
+                                        {0, 1},
+                                        {0, 1}};
+constexpr FieldRange kLightRanges[] = {
+    {-kCoordLimit, kCoordLimit}, {-kCoordLimit, kCoordLimit}, {1, 1e7}, {0, 1e6}, {0, 1}};
+constexpr FieldRange kSceneRanges[] = {{0, 1000}, {-100, 100}, {-100, 100}};
+constexpr FieldRange kLensRanges[] = {{0, kZoomMax}, {0, kFocusMax}, {0, 1e6}};
+
 // ---- YAML reading with messages that point at the file, line and field
 
 class Reader {
@@ -174,6 +196,9 @@ class Reader {
             if (!YAML::convert<double>::decode(n[i], v) || !std::isfinite(v))
                 return fail(n[i], join(path, key) + "[" + std::to_string(i) + "]",
                             "expected a number, got '" + text(n[i]) + "'");
+            if (std::fabs(v) > kCoordLimit)
+                return fail(n[i], join(path, key) + "[" + std::to_string(i) + "]",
+                            "outside -100 .. 100 (image coordinates)");
             dst[i] = v;
         }
         return true;
@@ -190,8 +215,6 @@ class Reader {
     std::string* error_;
     bool failed_ = false;
 };
-
-constexpr double kBig = 1e12;
 
 bool read_lens(Reader& r, const YAML::Node& n, LensSpec* lens) {
     const std::string p = "lens";
@@ -447,7 +470,41 @@ bool read_fields(Reader& r, const YAML::Node& set, const std::string& path, int 
         }
         if (kind == kObject && key == "distance" && v < 1)
             return r.fail(kv.second, fp, "distance must be >= 1 mm");
+        const FieldRange& range = (kind == kObject  ? kObjectRanges
+                                   : kind == kLight ? kLightRanges
+                                   : kind == kScene ? kSceneRanges
+                                                    : kLensRanges)[f];
+        if (v < range.lo || v > range.hi) {
+            std::ostringstream o;
+            o << "value " << v << " outside " << range.lo << " .. " << range.hi;
+            return r.fail(kv.second, fp, o.str());
+        }
         e->fields.push_back({code, v});
+    }
+    return true;
+}
+
+// faults: a list of mappings with the keys of a --fault argument (sim/faults.h).
+bool read_faults(Reader& r, const YAML::Node& n, Scenario* sc) {
+    if (!n.IsSequence())
+        return r.fail(n, "faults", "expected a list of faults");
+    for (size_t i = 0; i < n.size(); ++i) {
+        const YAML::Node f = n[i];
+        const std::string pf = "faults[" + std::to_string(i) + "]";
+        if (!f.IsMap())
+            return r.fail(f, pf, "expected a mapping");
+        FaultSpec spec;
+        std::string why;
+        for (const auto& kv : f) {
+            const std::string key = kv.first.Scalar();
+            if (!kv.second.IsScalar())
+                return r.fail(kv.second, Reader::join(pf, key), "expected a value");
+            if (!fault_set(&spec, key, kv.second.Scalar(), &why))
+                return r.fail(kv.first, pf, why);
+        }
+        if (!fault_finish(&spec, sc->fps, &why))
+            return r.fail(f, pf, why);
+        sc->faults.push_back(spec);
     }
     return true;
 }
@@ -568,9 +625,10 @@ bool parse_scenario(const std::string& text, const std::string& file_name, Scena
     Reader r(file_name, error);
     try {
         const YAML::Node root = YAML::Load(text);
-        if (!r.map(root, "",
-                   {"name", "description", "fps", "jitter_us", "subject", "lens", "scene", "optics",
-                    "noise", "exposure", "latency", "tracker", "rangefinder", "timeline"}))
+        if (!r.map(
+                root, "",
+                {"name", "description", "fps", "jitter_us", "subject", "lens", "scene", "optics",
+                 "noise", "exposure", "latency", "tracker", "rangefinder", "timeline", "faults"}))
             return false;
         r.str(root, "", "name", &sc.name);
         r.str(root, "", "description", &sc.description);
@@ -633,6 +691,8 @@ bool parse_scenario(const std::string& text, const std::string& file_name, Scena
                               "no object named '" + f.object + "'");
         }
         if (const YAML::Node n = root["timeline"]; n && !read_timeline(r, n, &sc))
+            return false;
+        if (const YAML::Node n = root["faults"]; n && !read_faults(r, n, &sc))
             return false;
     } catch (const YAML::Exception& e) {
         std::ostringstream o;

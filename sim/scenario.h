@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "sim/faults.h"
 #include "sim/lens_model.h"
 
 namespace vcam {
@@ -188,6 +189,7 @@ struct Scenario {
     TrackerSpec tracker;
     RangefinderSpec rangefinder;
     std::vector<TimelineEvent> timeline;  // sorted by start time
+    std::vector<FaultSpec> faults;        // injected into the ISP link and the lens hardware
 
     int subject_index() const;  // -1 = background
     int object_index(const std::string& n) const;

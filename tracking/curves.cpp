@@ -143,21 +143,23 @@ void curve_rebuild_bounds() {
     }
 }
 
-int curve_load() {
+namespace {
+
+// The base curve from the record in g_curve.base, whose form the marker gives: the
+// reference-point form rebuilt from its entry 0, anything but the two forms as no file at all.
+// Units calibrated in half steps are doubled after the anchor has been taken and the curve logged.
+void build_base_curve(uint16_t marker) {
     uint16_t* R = g_curve.base;
-    curve_file_read(R, kCurvePoints);
-    const uint16_t marker = R[kCurvePoints - 1];
     if (marker == kMarkerRefPoint) {
         if (R[0] < kHalfStepLimit)
             R[0] = doubled(R[0]);
-        if (packed_valid(R[1]))
-            lc_set_iris_offset(static_cast<uint8_t>(R[1] >> 8));
-        if (packed_valid(R[2]))
-            lc_set_bias_offset(static_cast<uint8_t>(R[2] >> 8));
         curve_rebuild_from_reference();
     } else if (marker != kMarkerFull) {
         traceout("Curve File is not exist \n");
-        R[0] = kNoFileReference;
+        // Within the focus range, like every point built from it: a lens whose range ends below
+        // the no-file reference has its top there.
+        const uint32_t fmax = lens_get_focus_max();
+        R[0] = static_cast<uint16_t>(fmax < kNoFileReference ? fmax : kNoFileReference);
         curve_rebuild_from_reference();
     }
     curve_anchor(0);
@@ -165,6 +167,40 @@ int curve_load() {
     if (R[0] < kHalfStepLimit) {
         for (int s = 0; s < kCurvePoints - 1; ++s)
             R[s] = doubled(R[s]);
+    }
+}
+
+// The first point of the base curve beyond the focus range, or -1.
+int first_point_beyond_range() {
+    const uint32_t fmax = lens_get_focus_max();
+    for (int s = 0; s < kCurvePoints - 1; ++s)
+        if (g_curve.base[s] > fmax)
+            return s;
+    return -1;
+}
+
+}  // namespace
+
+int curve_load() {
+    uint16_t* R = g_curve.base;
+    curve_file_read(R, kCurvePoints);
+    const uint16_t marker = R[kCurvePoints - 1];
+    const uint16_t hall_offset = R[1];
+    const uint16_t hall_bias = R[2];
+    build_base_curve(marker);
+    // A curve that leaves the focus range cannot come from a calibration of this lens (flash
+    // corruption, another unit's file, a half-step reference so small that it is doubled twice):
+    // its points would become tracking targets and search bounds, so the file is not used at all,
+    // nor the Hall values it carries.
+    if (const int s = first_point_beyond_range(); s >= 0) {
+        traceout("curve.dat: point %d (%u) beyond the focus range %u, file not used \n", s,
+                 static_cast<unsigned>(R[s]), static_cast<unsigned>(lens_get_focus_max()));
+        build_base_curve(0);
+    } else if (marker == kMarkerRefPoint) {
+        if (packed_valid(hall_offset))
+            lc_set_iris_offset(static_cast<uint8_t>(hall_offset >> 8));
+        if (packed_valid(hall_bias))
+            lc_set_bias_offset(static_cast<uint8_t>(hall_bias >> 8));
     }
     curve_rebuild_bounds();
     return 1;

@@ -223,6 +223,31 @@ void HwServer::power_on(double zoom, double focus) {
         ms_->power_on(zoom, focus, mech_.snapshot().time_us);
 }
 
+bool HwServer::set_fault(const std::string& key, const std::string& value, std::string* error) {
+    if (key.rfind("fault.", 0) != 0) {
+        *error = key + ": not a fault setting";
+        return false;
+    }
+    std::lock_guard<std::mutex> lock(mu_);
+    if (!hw_config_set(cfg_, key, value, error))
+        return false;
+    // The chips keep their own copy of the settings; the fault switches are read on every access.
+    if (lc_) {
+        Lc898201Config& c = lc_->config();
+        c.zoom_sensor = cfg_.lc.zoom_sensor;
+        c.focus_sensor = cfg_.lc.focus_sensor;
+        c.zoom_busy_stuck = cfg_.lc.zoom_busy_stuck;
+        c.focus_busy_stuck = cfg_.lc.focus_busy_stuck;
+    }
+    if (ms_) {
+        Ms41908Config& c = ms_->config();
+        c.zoom_sensor = cfg_.ms.zoom_sensor;
+        c.focus_sensor = cfg_.ms.focus_sensor;
+        c.busy_stuck = cfg_.ms.busy_stuck;
+    }
+    return true;
+}
+
 void HwServer::advance_chip(uint64_t now_us) {
     if (lc_)
         lc_->advance(now_us);

@@ -88,6 +88,10 @@ class HwServer {
         advance_chip(now_us);
     }
 
+    // Switches a fault.* setting while running (the same keys and values as the configuration),
+    // for faults that come and go mid-run. False with *error set for a bad key or value.
+    bool set_fault(const std::string& key, const std::string& value, std::string* error);
+
     // Handles one request (also used directly by tests without a socket).
     hwwire::HwReply handle(const hwwire::HwRequest& req);
 

@@ -1,11 +1,12 @@
 // Start-up: the command line, and the afd executable itself started as the run script starts it
 // (under a sandbox root, on the virtual clock, with nothing to talk to). It must come up, log its
-// start-up to the log file under its root, and survive SIGQUIT.
+// start-up to the log file under its root, and survive SIGQUIT and writes past its file-size limit.
 #include "app/startup.h"
 
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -106,6 +107,13 @@ TEST(AfdProcess, StartsUnderASandboxRootAndRunsItsLoop) {
     kill(pid, SIGQUIT);  // logged, not fatal
     usleep(200 * 1000);
     EXPECT_EQ(waitpid(pid, &status, WNOHANG), 0) << "SIGQUIT must not stop the daemon";
+    // Past its file-size limit a write fails; the daemon must not die of it (SIGXFSZ), here while
+    // it logs the next SIGQUIT to its standard output, a file already longer than the limit.
+    const rlimit tiny{1, 1};
+    ASSERT_EQ(prlimit(pid, RLIMIT_FSIZE, &tiny, nullptr), 0);
+    kill(pid, SIGQUIT);
+    usleep(200 * 1000);
+    EXPECT_EQ(waitpid(pid, &status, WNOHANG), 0) << "the file-size limit must not stop the daemon";
     kill(pid, SIGKILL);
     waitpid(pid, &status, 0);
 

@@ -381,6 +381,40 @@ TEST_F(CommandTest, EveryEndOfAMotionForgetsTheTrackingSetUp) {
     command_set_autofocus_mode(1);
 }
 
+// A re-home whose homing fails is logged and shows in the homing status (2 zoom, 3 focus, 4
+// both, as at start-up); the next one that succeeds reports OK (1) again.
+TEST_F(CommandTest, AFailedReHomeIsLoggedAndShowsInTheHomingStatus) {
+    static uint32_t zoom_result = kHomeOk, focus_result = kHomeOk;
+    LensDriverOps ops = lens_ops();
+    ops.sensor_power_on = [] {};
+    ops.sensor_power_off = [] {};
+    ops.zoom_home = [] { return zoom_result; };
+    ops.focus_home = [] { return focus_result; };
+    lens_set_ops_for_testing(&ops);
+    const struct {
+        uint32_t zoom, focus;
+        const char* log;
+        uint8_t status;
+    } cases[] = {
+        {kHomeFailed, kHomeOk, "re-home: zoom fail\n", 2},
+        {kHomeOk, kHomeFailed, "re-home: focus fail\n", 3},
+        {kHomeFailed, kHomeFailed, "re-home: focus fail, zoom fail\n", 4},
+        {kHomeOk, kHomeOk, nullptr, 1},
+    };
+    for (const auto& c : cases) {
+        zoom_result = c.zoom;
+        focus_result = c.focus;
+        const std::string out = send({'r', 14});
+        if (c.log != nullptr)
+            EXPECT_NE(out.find(c.log), std::string::npos) << out;
+        else
+            EXPECT_EQ(out.find("re-home:"), std::string::npos) << out;
+        EXPECT_EQ(command_homing_error(), c.status) << (c.log ? c.log : "ok");
+    }
+    lens_set_ops_for_testing(nullptr);
+    command_set_autofocus_mode(1);
+}
+
 // ---- Other writes ----
 
 // Write 23 moves the iris to an absolute value or by a signed delta from the value last driven;

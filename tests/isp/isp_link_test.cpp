@@ -187,6 +187,77 @@ TEST_F(IspLinkTest, SplitRepliesArriveWholeAndAFailedExchangeClosesTheLink) {
     }
 }
 
+// Bytes still waiting after a complete reply (a reply longer than its record, junk in front of
+// it) put the stream out of step: the reply is not used, the link closes with an "out of step"
+// line, and the next connection is back in step. A service that keeps doing it is reported once
+// per 5 s, with the count of the occurrences in between.
+TEST_F(IspLinkTest, StrayBytesAfterAReplyDropTheReplyAndResynchronise) {
+    using enum IspPeer::Fault;
+    const StatFrame good = StatFrame().fill(Field::kLuma, 111);
+    const StatFrame other = StatFrame().fill(Field::kLuma, 222);
+    struct Case {
+        uint8_t code;
+        IspPeer::Fault fault;
+        int (*request)();
+        int result;
+    };
+    const Case cases[] = {
+        {1, kLongReply, Get_ISP_VD, 1},
+        {1, kJunkFirst, Get_ISP_VD, 1},
+        {4, kLongReply, isp_read_exposure, -1},
+        {2, kJunkFirst,
+         [] {
+             set_filter_param(1, 2, 60, 80);
+             return 0;
+         },
+         0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(static_cast<int>(c.fault) * 10 + c.code);
+        isp_link_reset_for_testing();
+        peer.set_frame(good.bytes());
+        peer.set_exposure(220.0f, 0.02f, 4.0f);
+        connect();
+        ASSERT_EQ(Get_ISP_VD(), 0);
+        ASSERT_EQ(isp_read_exposure(), 0);
+        peer.set_frame(other.bytes());
+        peer.set_exposure(100.0f, 0.01f, 1.0f);
+        peer.fail_next(c.code, c.fault);
+        peer.clear_log();
+        const std::string out = capture_stdout([&] { EXPECT_EQ(c.request(), c.result); });
+        EXPECT_NE(out.find("ISP link out of step"), std::string::npos) << out;
+        EXPECT_EQ(isp_link_up(), 0);
+        EXPECT_EQ(std::memcmp(isp_stat_frame(), good.data(), kAfStatFrameSize), 0);
+        EXPECT_EQ(get_exp_luma(), 220u);
+        if (c.code == 2) {
+            EXPECT_TRUE(peer.set_payloads().empty()) << "a record read out of step is not written";
+        }
+        // The reconnect is in step: the next frame is the service's current one.
+        capture_stdout([] {
+            for (int calls = 0; Get_ISP_VD() != 0 && calls < 50; ++calls) {
+            }
+        });
+        EXPECT_EQ(std::memcmp(isp_stat_frame(), other.data(), kAfStatFrameSize), 0);
+    }
+
+    // Every frame out of step: one line, then one per 5 s with the count.
+    clock.set_now_us(100000000);
+    const std::string log = capture_stdout([&] {
+        for (int i = 0; i < 40; ++i) {
+            peer.fail_next(1, kLongReply);
+            Get_ISP_VD();
+            clock.set_now_us(clock.monotonic_us() + 1000000);
+        }
+    });
+    std::size_t lines = 0;
+    for (std::size_t at = log.find("out of step"); at != std::string::npos;
+         at = log.find("out of step", at + 1))
+        ++lines;
+    EXPECT_GE(lines, 2u);
+    EXPECT_LE(lines, 9u) << log;
+    EXPECT_NE(log.find("more since the last report"), std::string::npos);
+}
+
 TEST_F(IspLinkTest, ReconnectsOnceASecondAndSetsTheAttributesAgain) {
     connect();
     ASSERT_EQ(Get_ISP_VD(), 0);

@@ -29,6 +29,8 @@ class IspPeer {
         kNone,
         kShortReply,  // send half the reply, then close the connection
         kStall,       // never answer; keep the connection until the daemon drops it
+        kLongReply,   // the reply and 9 bytes more, in one send
+        kJunkFirst,   // 5 junk bytes, then the reply, in one send
     };
 
     IspPeer() : frame_(kAfStatFrameSize, 0) {
@@ -198,6 +200,14 @@ class IspPeer {
             while (readable(fd) && recv(fd, &b, 1, 0) > 0) {
             }
             return false;
+        }
+        if (fault == Fault::kLongReply || fault == Fault::kJunkFirst) {
+            std::vector<uint8_t> out(data);
+            const std::vector<uint8_t> junk(fault == Fault::kLongReply ? 9 : 5, 0xA5);
+            out.insert(fault == Fault::kLongReply ? out.end() : out.begin(), junk.begin(),
+                       junk.end());
+            return send(fd, out.data(), out.size(), MSG_NOSIGNAL) ==
+                   static_cast<ssize_t>(out.size());
         }
         const std::size_t end = fault == Fault::kShortReply ? data.size() / 2 : data.size();
         const std::size_t chunk = chunk_ != 0 ? chunk_.load() : data.size();

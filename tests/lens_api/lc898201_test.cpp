@@ -143,6 +143,25 @@ TEST_F(Lc898201Test, StuckBusyIsBoundedReportedAndFailsHoming) {
     EXPECT_EQ(lens_take_dropped(), 0);
 }
 
+// The bus fails while a move is loaded: the channel is not started on half-written registers and
+// the move is dropped from the counts; a homing step fails at once. The bus comes back: moves go
+// out and count again.
+TEST_F(Lc898201Test, AMoveTheBusFailedToLoadIsNeitherStartedNorCounted) {
+    board.transfer_fails = true;
+    lens_take_dropped();
+    capture_stdout([] { lc_move_both(0, 10, 1, 10); });
+    EXPECT_EQ(lens_take_dropped(), kMoveZoomDropped | kMoveFocusDropped);
+    EXPECT_TRUE(chip.writes(0x010E).empty());
+    EXPECT_TRUE(chip.writes(0x014E).empty());
+    capture_stdout([] { EXPECT_EQ(lc_focus_home(), kHomeFailed); });
+    EXPECT_EQ(chip.focus_starts, 0);
+    board.transfer_fails = false;
+    capture_stdout([] { lc_move_both(0, 10, 1, 10); });
+    EXPECT_EQ(lens_take_dropped(), 0);
+    EXPECT_EQ(chip.writes(0x010E).size(), 1u);
+    EXPECT_EQ(chip.writes(0x014E).size(), 1u);
+}
+
 // A unit whose Hall reading rises with the offset (0.0006 a unit) and the bias, centred at
 // `centre`.
 float reading(int offset, int bias, int centre) {

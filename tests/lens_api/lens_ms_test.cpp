@@ -221,6 +221,31 @@ TEST_F(Ms41908Driver, AMoveOnAStuckBusyLineIsDroppedWithinTheBound) {
     EXPECT_EQ(out.find("more since"), std::string::npos) << out;
 }
 
+// A bus that fails while a move's words go out: no strobe, so the chip latches none of the
+// half-written words, and the move is dropped from the counts (a homing step fails, an iris drive
+// is left to be tried again). The next move on a working bus is strobed with its own words.
+TEST_F(Ms41908Driver, AMoveTheBusFailedToWriteIsNeitherStrobedNorCounted) {
+    board.transfer_fails = true;
+    capture_stdout([] {
+        ms_move_both(0, 10, 1, 10);
+        ms_move_both(0, 0, 1, 4);
+        EXPECT_EQ(lens_take_dropped(), kMoveZoomDropped | kMoveFocusDropped);
+    });
+    EXPECT_EQ(chip.strobes, 0u);
+    capture_stdout([] { EXPECT_EQ(lens_zoom_init_ms(), kHomeFailed); });
+    EXPECT_EQ(chip.strobes, 0u) << "homing gives up at its first failed step";
+    // An iris drive: its strobe would latch the last move's words again.
+    capture_stdout([] { ms_iris_drive(700); });
+    EXPECT_EQ(chip.strobes, 0u);
+    board.transfer_fails = false;
+    capture_stdout([] { ms_move_both(0, 10, 0, 0); });
+    EXPECT_EQ(chip.strobes, 1u);
+    EXPECT_EQ(lens_take_dropped(), 0);
+    EXPECT_EQ(chip.regs[0x24] & 0xFF, 20) << "the new move's own count, two pulses a step";
+    capture_stdout([] { ms_iris_drive(700); });
+    EXPECT_EQ(chip.strobes, 2u) << "the iris value the failed drive left undone";
+}
+
 TEST_F(Ms41908Driver, FilterSwitchDrivesForATenthOfASecond) {
     ms_filter_switch(1);
     ms_filter_switch(0);

@@ -52,6 +52,11 @@ TEST(ScenarioErrors, NameFileLineAndField) {
          "bad.yaml:5: timeline[0].at: every event needs 'at' (seconds) or 'frame'"},
         {head + "timeline:\n  - {at: 1, enter: car, leave: car}\n",
          "bad.yaml:5: timeline[0]: needs exactly one of object, light, scene, lens, enter, leave"},
+        // Values the renderer could not work with (pixels and block indexes would overflow).
+        {"scene:\n  lights:\n    - {name: l, position: [7e110, 0.5]}\n",
+         "bad.yaml:3: scene.lights[0].position[0]: outside -100 .. 100 (image coordinates)"},
+        {head + "timeline:\n  - at: 1\n    object: car\n    set: {x: 1e300}\n",
+         "bad.yaml:7: timeline[0].set.x: value 1e+300 outside -100 .. 100"},
     };
     for (const auto& c : cases)
         EXPECT_EQ(error_of(c.yaml), c.error);

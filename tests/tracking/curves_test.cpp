@@ -103,6 +103,41 @@ TEST_F(CurveTest, LoadBuildsTheBaseCurveFromEachFileForm) {
     }
 }
 
+// A curve file with a point the focus cannot reach (a corrupted flash page, half-step values
+// that double past the range) is not used: the default curve stands in, and the log says why.
+TEST_F(CurveTest, PointBeyondTheFocusRangeFallsBackToTheDefaultCurve) {
+    for (const uint16_t bad : {uint16_t(65535), uint16_t(lens_get_focus_max() + 1)}) {
+        std::vector<uint16_t> full = file_with(0xAA44, 5000);
+        for (int s = 1; s < kCurvePoints - 1; ++s)
+            full[s] = static_cast<uint16_t>(5000 - 20 * s);
+        full[100] = bad;
+        write_curve(full);
+        const std::string out = load();
+        EXPECT_NE(out.find("beyond the focus range"), std::string::npos) << bad;
+        EXPECT_EQ(curve_get_point(0), 6000) << "the missing-file reference, for " << bad;
+        EXPECT_LE(curve_get_point(100), lens_get_focus_max()) << bad;
+    }
+    std::vector<uint16_t> half = file_with(0xAA44, 3000);
+    for (int s = 1; s < kCurvePoints - 1; ++s)
+        half[s] = 3000;
+    half[7] = static_cast<uint16_t>(lens_get_focus_max() / 2 + 1);  // doubles past the range
+    write_curve(half);
+    EXPECT_NE(load().find("beyond the focus range"), std::string::npos);
+    EXPECT_EQ(curve_get_point(0), 6000);
+    // The reference-point form: only its reference point is a position, and the Hall values of a
+    // file not used are not used either. A half-step reference below 2250 is doubled twice, which
+    // takes the curve out of the range.
+    const uint8_t iris_offset = lc_get_settings().iris_offset;
+    for (const uint16_t r0 : {uint16_t(59779), uint16_t(1788)}) {
+        std::vector<uint16_t> v = file_with(0xAA55, r0);
+        v[1] = static_cast<uint16_t>((40 << 8) | (255 - 40));
+        write_curve(v);
+        EXPECT_NE(load().find("beyond the focus range"), std::string::npos) << r0;
+        EXPECT_EQ(curve_get_point(0), 6000) << r0;
+        EXPECT_EQ(lc_get_settings().iris_offset, iris_offset) << r0;
+    }
+}
+
 TEST_F(CurveTest, ReferencePointCarriesPackedHallValues) {
     std::vector<uint16_t> v = file_with(0xAA55, kCurveReferenceFocus);
     v[1] = static_cast<uint16_t>((40 << 8) | (255 - 40));  // valid: 40 + 215 = 255
