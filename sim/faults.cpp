@@ -175,20 +175,22 @@ void FaultPlan::update(double t) {
     if (t < 0)
         return;
     for (Entry& e : faults_) {
-        if (!fault_is_lens(e.spec.kind))
+        if (!fault_is_lens(e.setting.kind))
             continue;
-        if (!e.started && reached(t, e.spec.at)) {
+        if (!e.started && reached(t, e.setting.at)) {
             e.started = true;
             ++fired_;
-            std::fprintf(stderr, "vcam: fault %s on at %.3f s\n", fault_kind_name(e.spec.kind), t);
+            std::fprintf(stderr, "vcam: fault %s on at %.3f s\n", fault_kind_name(e.setting.kind),
+                         t);
             if (lens_hook_)
-                lens_hook_(e.spec, true);
+                lens_hook_(e.setting, true);
         }
-        if (e.started && !e.ended && reached(t, e.spec.at + e.spec.duration)) {
+        if (e.started && !e.ended && reached(t, e.setting.at + e.setting.duration)) {
             e.ended = true;
-            std::fprintf(stderr, "vcam: fault %s off at %.3f s\n", fault_kind_name(e.spec.kind), t);
+            std::fprintf(stderr, "vcam: fault %s off at %.3f s\n", fault_kind_name(e.setting.kind),
+                         t);
             if (lens_hook_)
-                lens_hook_(e.spec, false);
+                lens_hook_(e.setting, false);
         }
     }
 }
@@ -198,7 +200,7 @@ IspAction FaultPlan::on_reply(double t, ReplyClass rc) {
     if (t < 0)
         return a;
     for (Entry& e : faults_) {
-        const FaultSpec& f = e.spec;
+        const FaultSpec& f = e.setting;
         if (fault_is_lens(f.kind) || e.ended)
             continue;
         // A dropped connection hits whatever request comes; the others only their reply class.
@@ -244,8 +246,8 @@ bool FaultPlan::refusing(double t) const {
     if (t < 0)
         return false;
     for (const Entry& e : faults_)
-        if (e.spec.kind == FaultKind::kIspDrop && !std::isinf(e.spec.duration) &&
-            in_window(e.spec, t))
+        if (e.setting.kind == FaultKind::kIspDrop && !std::isinf(e.setting.duration) &&
+            in_window(e.setting, t))
             return true;
     return false;
 }

@@ -105,7 +105,7 @@ class FaultPlan {
 
   private:
     struct Entry {
-        FaultSpec spec;
+        FaultSpec setting;
         bool started = false;
         bool ended = false;
     };

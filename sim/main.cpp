@@ -52,7 +52,7 @@ void usage(FILE* f) {
         "  --jitter-us J        real-time delivery jitter, +-J microseconds\n"
         "  --frames N           stop after delivering N frames\n"
         "  --hold-timeline      hold the scenario's timeline at its start until SIGUSR1\n"
-        "  --fault SPEC         inject a fault, e.g. fault=isp_stall,at=3,stall=4 or\n"
+        "  --fault KEYS         inject a fault, e.g. fault=isp_stall,at=3,stall=4 or\n"
         "                       fault=zoom_busy,at=2,for=1.5 (repeatable; sim/faults.h)\n"
         "  --check              only read and check the scenario\n");
 }

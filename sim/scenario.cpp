@@ -493,18 +493,18 @@ bool read_faults(Reader& r, const YAML::Node& n, Scenario* sc) {
         const std::string pf = "faults[" + std::to_string(i) + "]";
         if (!f.IsMap())
             return r.fail(f, pf, "expected a mapping");
-        FaultSpec spec;
+        FaultSpec setting;
         std::string why;
         for (const auto& kv : f) {
             const std::string key = kv.first.Scalar();
             if (!kv.second.IsScalar())
                 return r.fail(kv.second, Reader::join(pf, key), "expected a value");
-            if (!fault_set(&spec, key, kv.second.Scalar(), &why))
+            if (!fault_set(&setting, key, kv.second.Scalar(), &why))
                 return r.fail(kv.first, pf, why);
         }
-        if (!fault_finish(&spec, sc->fps, &why))
+        if (!fault_finish(&setting, sc->fps, &why))
             return r.fail(f, pf, why);
-        sc->faults.push_back(spec);
+        sc->faults.push_back(setting);
     }
     return true;
 }
