@@ -198,34 +198,32 @@ class LcChip {
     int zoom_starts = 0, focus_starts = 0;
     std::function<uint32_t(int offset, int bias)> hall;
 
-    // 8-bit register writes that reached the chip, in order; `only` picks one register.
-    std::vector<std::pair<uint16_t, uint32_t>> writes(int only = -1) {
+    // 8-bit (or with `wide` 32-bit) register writes that reached the chip, in order; `only` picks
+    // one register.
+    std::vector<std::pair<uint16_t, uint32_t>> writes(int only = -1, bool wide = false) {
         std::vector<std::pair<uint16_t, uint32_t>> out;
         for (const Call& c : board_.calls(Call::kTransfer))
-            if (mine(c) && !c.reads() && c.tx.size() == 3 && (only < 0 || address(c) == only))
-                out.emplace_back(address(c), c.tx[2]);
+            if (mine(c) && !c.reads() && c.tx.size() == (wide ? 6u : 3u) &&
+                (only < 0 || address(c) == only))
+                out.emplace_back(address(c), wide ? word(c) : c.tx[2]);
         return out;
     }
-
-    // 32-bit register writes that reached the chip, in order; `only` picks one register.
     std::vector<std::pair<uint16_t, uint32_t>> writes32(int only = -1) {
-        std::vector<std::pair<uint16_t, uint32_t>> out;
-        for (const Call& c : board_.calls(Call::kTransfer))
-            if (mine(c) && !c.reads() && c.tx.size() == 6 && (only < 0 || address(c) == only))
-                out.emplace_back(address(c), (uint32_t(c.tx[2]) << 24) | (c.tx[3] << 16) |
-                                                 (c.tx[4] << 8) | c.tx[5]);
-        return out;
+        return writes(only, true);
     }
 
   private:
     static bool mine(const Call& c) { return c.mode == 0x03 && c.path == "/dev/spidev4.0"; }
     static uint16_t address(const Call& c) { return ((c.tx[0] & 0x7F) << 8) | c.tx[1]; }
+    static uint32_t word(const Call& c) {
+        return (uint32_t(c.tx[2]) << 24) | (c.tx[3] << 16) | (c.tx[4] << 8) | c.tx[5];
+    }
     void frame(const Call& c, uint8_t* rx) {
         if (!mine(c))
             return;
         const uint16_t a = address(c);  // 8-bit registers all lie below 0x800
         if (c.tx.size() == 6) {
-            uint32_t v = (uint32_t(c.tx[2]) << 24) | (c.tx[3] << 16) | (c.tx[4] << 8) | c.tx[5];
+            uint32_t v = word(c);
             if (rx == nullptr)
                 reg32[a] = v;
             v = a == 0x1230 && hall ? hall(reg8[0x0079], reg8[0x007C]) : reg32[a];

@@ -166,16 +166,6 @@ TEST_F(IrisLc, LoopSettlesAfterTenAdjustmentsBackInBand) {
     EXPECT_EQ(drives().size(), 1u) << "idle again, so a new dark scene re-arms the loop";
 }
 
-TEST_F(IrisLc, FixedModeHoldsTheLoop) {
-    start(1000, 100);
-    iris_set_mode(0);
-    adjustments(5);
-    EXPECT_TRUE(drives().empty());
-    iris_set_mode(1);
-    adjustments(2);
-    EXPECT_FALSE(drives().empty());
-}
-
 // ---- The iris value is the value the chip was driven to ----------------------------------------
 
 // Start-up drives the iris fully open; the loop must go on from there, not from the power-on 0:
@@ -239,10 +229,13 @@ TEST_F(IrisMs, ADriveDroppedOnAStuckBusyLineKeepsTheValue) {
     EXPECT_EQ(published(2), 700);
 }
 
-// A fixed step is where the iris stands when the automatic loop takes over again.
-TEST_F(IrisLc, AfterAFixedStepTheLoopResumesFromThatStep) {
+// Fixed mode holds the loop; a fixed step is where the iris stands when the automatic loop takes
+// over again.
+TEST_F(IrisLc, FixedModeHoldsTheLoopWhichResumesFromTheFixedStep) {
     start(1000, 300);
     iris_set_mode(0);
+    adjustments(5);
+    EXPECT_TRUE(drives().empty());
     iris_goto_step(3);  // 1100
     iris_set_mode(1);
     board.clear();
