@@ -43,13 +43,17 @@ class Lc898201EmuTest : public ::testing::Test {
         std::memcpy(&f, &u, 4);
         return f;
     }
-    // A move as the driver starts it (direction word, period, count, start), run to its end.
-    void move(uint16_t base, bool dir_bit, int pulses, uint16_t period = 392) {
+    // A move as the driver starts it (direction word, period, count, start).
+    void start(uint16_t base, bool dir_bit, int pulses, uint16_t period = 392) {
         const uint8_t regs[][2] = {{0x02, uint8_t(dir_bit ? 0x96 : 0x16)}, {0x04, uint8_t(period)},
                                    {0x05, uint8_t(period >> 8)},           {0x06, uint8_t(pulses)},
                                    {0x07, uint8_t(pulses >> 8)},           {0x0E, 1}};
         for (const auto& r : regs)
             w8(uint16_t(base + r[0]), r[1]);
+    }
+    // The same, run to its end.
+    void move(uint16_t base, bool dir_bit, int pulses) {
+        start(base, dir_bit, pulses);
         for (int i = 0; i < 100000 && r8(uint16_t(base + 0x0E)) == 1; ++i) {
         }
     }
@@ -62,11 +66,7 @@ class Lc898201EmuTest : public ::testing::Test {
 TEST_F(Lc898201EmuTest, BusyLastsThePulseTrainAndDirectionBitsMoveEachChannelItsWay) {
     make({}, 1000, 3000);
     // 16 zoom steps: 64 pulses x 392 x 0.2 us = 5017.6 us.
-    const std::pair<uint16_t, uint8_t> start[] = {{0x0102, 0x16},     {0x0104, 392 & 0xFF},
-                                                  {0x0105, 392 >> 8}, {0x0106, 64},
-                                                  {0x0107, 0},        {0x010E, 1}};
-    for (const auto& r : start)
-        w8(r.first, r.second);
+    start(0x0100, false, 64);
     const uint64_t t0 = t - 10;
     EXPECT_EQ(r8(0x010E), 1) << "busy on the very next read";
     t = t0 + 5000;

@@ -204,10 +204,6 @@ constexpr uint8_t kBoth = kZoomHomeFailed | kFocusHomeFailed;
 INSTANTIATE_TEST_SUITE_P(
     Scenario, LensSimFaults,
     ::testing::Values(
-        StartupFault{"LcZoomSensorDead", "lc898201", "fault.zoom_home=stuck_off", kZoomHomeFailed,
-                     "IC is LC898201"},
-        StartupFault{"LcFocusSensorDead", "lc898201", "fault.focus_home=stuck_off",
-                     kFocusHomeFailed, "IC is LC898201"},
         StartupFault{"LcBothSensorsStuck", "lc898201",
                      "fault.zoom_home=stuck_on,fault.focus_home=stuck_off", kBoth,
                      "IC is LC898201"},
@@ -220,8 +216,6 @@ INSTANTIATE_TEST_SUITE_P(
         StartupFault{"LcTransferError", "lc898201", "fault.spi_transfer=error", kBoth,
                      "IC is MS41908"},
         StartupFault{"LcOnAnotherBus", "lc898201", "spi_bus=2", kBoth, "IC is MS41908"},
-        StartupFault{"MsZoomSensorDead", "ms41908", "fault.zoom_home=stuck_off", kZoomHomeFailed,
-                     "lens_zoom_init_ms[0973] zoom initial fail!"},
         StartupFault{"MsFocusSensorStuckOn", "ms41908", "fault.focus_home=stuck_on",
                      kFocusHomeFailed, "lens_focus_init_ms[1122] focus initial fail!"},
         StartupFault{"MsBusyLineStuck", "ms41908", "fault.zoom_busy=stuck", kBoth,
