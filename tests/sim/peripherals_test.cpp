@@ -76,14 +76,4 @@ TEST(Peripherals, PublishTheBoxAndTheDistanceEveryFrame) {
     std::system((std::string("rm -rf ") + dir).c_str());
 }
 
-TEST(Peripherals, ScenarioNamesAnObjectThatExists) {
-    vcam::Scenario sc;
-    std::string err;
-    EXPECT_FALSE(
-        vcam::parse_scenario("scene:\n  objects:\n    - {name: a, rect: [0,0,1,1]}\n"
-                             "tracker: {object: b}\n",
-                             "t.yaml", &sc, &err));
-    EXPECT_NE(err.find("tracker.object: no object named 'b'"), std::string::npos) << err;
-}
-
 }  // namespace

@@ -57,6 +57,8 @@ TEST(ScenarioErrors, NameFileLineAndField) {
          "bad.yaml:3: scene.lights[0].position[0]: outside -100 .. 100 (image coordinates)"},
         {head + "timeline:\n  - at: 1\n    object: car\n    set: {x: 1e300}\n",
          "bad.yaml:7: timeline[0].set.x: value 1e+300 outside -100 .. 100"},
+        {"scene:\n  objects:\n    - {name: a, rect: [0,0,1,1]}\ntracker: {object: b}\n",
+         "bad.yaml:4: tracker.object: no object named 'b'"},
     };
     for (const auto& c : cases)
         EXPECT_EQ(error_of(c.yaml), c.error);

@@ -13,6 +13,7 @@
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
+#include <map>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -95,9 +96,9 @@ class FakeDaemon {
                 answer(buf, static_cast<size_t>(n), from);
         }
     }
+    // The daemon's answer to each read: the motion record, the position record, iris, calibration,
+    // modes, homing, the status block, electronic zoom, the counter.
     void answer(const uint8_t* req, size_t n, const sockaddr_in& from) {
-        Bytes r = {'r', req[1]};
-        bool to_sender = false;
         MotionCommand m{};
         m.mode = 1;
         m.zoom_target = 4000;
@@ -105,50 +106,28 @@ class FakeDaemon {
         m.autofocus_mode = af_mode;
         m.zone_type = 2;
         m.region = 3;
-        uint8_t rec[18];
-        motion_command_encode(m, rec);
-        uint8_t pos[16] = {};
-        afdata::put_u16(pos + 0, zoom);
-        afdata::put_u16(pos + 4, 6624 + 300);
-        afdata::put_u16(pos + 14, 300);
-        switch (req[1]) {
-            case 0:
-                r.insert(r.end(), rec, rec + 18);
-                break;
-            case 1:
-                r.insert(r.end(), pos, pos + 16);
-                break;
-            case 3:
-                r.insert(r.end(), {5, 5});
-                to_sender = n >= 4 && req[2] == 0xAA && req[3] == 0x55;
-                break;
-            case 2:
-                r.insert(r.end(), {0, 9});
-                break;
-            case 5:
-                r.insert(r.end(), {20, 4, 27});
-                break;
-            case 7:
-                r.insert(r.end(), rec, rec + 18);
-                r.insert(r.end(), {0, 0, 1, 0});
-                r.insert(r.end(), pos, pos + 16);
-                r.resize(53, 0);
-                r.insert(r.end(), {20, 4, homing, 1, 0});
-                break;
-            case 6:
-                r.push_back(homing);
-                break;
-            case 13:
-                r.insert(r.end(), {1, 0});
-                break;
-            case 20:
-                r.insert(r.end(), {0, 0});
-                break;
-            default:
-                return;
-        }
+        Bytes rec(18), pos(16, 0);
+        motion_command_encode(m, rec.data());
+        afdata::put_u16(&pos[0], zoom);
+        afdata::put_u16(&pos[4], 6624 + 300);
+        afdata::put_u16(&pos[14], 300);
+        const uint8_t h = homing;
+        Bytes status = rec;
+        status.insert(status.end(), {0, 0, 1, 0});
+        status.insert(status.end(), pos.begin(), pos.end());
+        status.resize(51, 0);
+        status.insert(status.end(), {20, 4, h, 1, 0});
+        const std::map<uint8_t, Bytes> replies = {{0, rec},    {1, pos},         {2, {0, 9}},
+                                                  {3, {5, 5}}, {5, {20, 4, 27}}, {6, {h}},
+                                                  {7, status}, {13, {1, 0}},     {20, {0, 0}}};
+        const auto it = replies.find(req[1]);
+        if (it == replies.end())
+            return;
+        Bytes r = {'r', req[1]};
+        r.insert(r.end(), it->second.begin(), it->second.end());
+        // Only the calibration read with its marker is answered to the sender.
         sockaddr_in to = from;
-        if (!to_sender)
+        if (!(req[1] == 3 && n >= 4 && req[2] == 0xAA && req[3] == 0x55))
             to.sin_port = htons(reply_port_);
         sendto(fd_, r.data(), r.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to);
     }
@@ -276,26 +255,27 @@ TEST_F(AfctlTest, CommandsTheDaemonWouldIgnoreAreRefusedWithTheReason) {
 }
 
 TEST_F(AfctlTest, BadArgumentsExitTwoAndSendNothing) {
-    for (const char* args : {"",
-                             "range --near 9 --far 2",
-                             "range --near 2",
-                             "range --default --near 1",
-                             "zoom --to abc",
-                             "zoom --to 100 --in",
-                             "zoom --frobnicate",
-                             "focus",
-                             "focus --to 70000",
-                             "move --zoom up --focus far",
-                             "ezoom --max 2000",
-                             "calib everything",
-                             "daynight --set 1 2",
-                             "daynight --set 2 1 1",
-                             "daynight --set 1 2 3 --id 5",
-                             "af --mode sometimes",
-                             "status extra",
-                             "bogus",
-                             "--timeout x status",
-                             "sensor 300"}) {
+    const char* const bad[] = {"",
+                               "range --near 9 --far 2",
+                               "range --near 2",
+                               "range --default --near 1",
+                               "zoom --to abc",
+                               "zoom --to 100 --in",
+                               "zoom --frobnicate",
+                               "focus",
+                               "focus --to 70000",
+                               "move --zoom up --focus far",
+                               "ezoom --max 2000",
+                               "calib everything",
+                               "daynight --set 1 2",
+                               "daynight --set 2 1 1",
+                               "daynight --set 1 2 3 --id 5",
+                               "af --mode sometimes",
+                               "status extra",
+                               "bogus",
+                               "--timeout x status",
+                               "sensor 300"};
+    for (const char* args : bad) {
         SCOPED_TRACE(args);
         const Result r = afctl(args);
         EXPECT_EQ(r.status, 2) << r.out;
