@@ -310,31 +310,21 @@ TEST_F(CommandTest, SubCommands) {
         send(write0(m));
         EXPECT_EQ(cases[i].get(), cases[i].expect) << "case " << i;
     }
-    send({'r', 0});
-    EXPECT_EQ(motion_command_decode(receive(reply_fd_).data() + 2).zone_type, 4)
-        << "zone type 4 is reported as such";
-    command_clear_focus_stop_request();
-}
-
-// The autofocus mode in force is what the motion record reports (byte 13), whoever changed it:
-// the control software reads it back to show the mode.
-TEST_F(CommandTest, MotionRecordReportsTheAutofocusModeInForce) {
-    auto reported = [](const Bytes& request, size_t at) {
-        drain();
-        send(request);
-        const Bytes r = receive(reply_fd_);
-        return r.size() >= at + kMotionCommandWireSize
-                   ? motion_command_decode(r.data() + at).autofocus_mode
-                   : 0xFF;
-    };
-    MotionCommand off = motion(8);
-    off.autofocus_mode = 0;
-    send(write0(off));
-    EXPECT_EQ(reported({'r', 0}, 2), 0) << "after sub-command 8";
-    EXPECT_EQ(reported({'r', 7}, 2), 0) << "in the status block";
+    // The motion record reports zone type 4 as such (the status block the plain type), and (byte
+    // 13) the autofocus mode in force, whoever changed it: the control software reads it back to
+    // show the mode.
     command_set_autofocus_mode(2);  // as the frame loop does when a one-shot search has ended
-    EXPECT_EQ(reported({'r', 0}, 2), 2);
+    for (const auto& [read, zone_type] : {std::pair{Bytes{'r', 0}, 4}, {Bytes{'r', 7}, 3}}) {
+        drain();
+        send(read);
+        const Bytes r = receive(reply_fd_);
+        ASSERT_GE(r.size(), 2 + kMotionCommandWireSize) << int(read[1]);
+        const MotionCommand m = motion_command_decode(r.data() + 2);
+        EXPECT_EQ(m.zone_type, zone_type) << int(read[1]);
+        EXPECT_EQ(m.autofocus_mode, 2) << int(read[1]);
+    }
     command_set_autofocus_mode(1);
+    command_clear_focus_stop_request();
 }
 
 // Every end of a motion forgets the zoom-tracking set-up, so that the next zoom picks the curve
@@ -444,8 +434,6 @@ TEST_F(CommandTest, IrisMoveIsAbsoluteOrRelativeToTheDrivenValue) {
     iris_reset_for_testing();
 }
 
-// Write 8 sets one entry of the lens parameter record and saves the record; an index past the
-// record sets nothing but still saves what the daemon holds.
 // Commands 1 to 3 start a curve calibration: 1 in the form the offset file names, 2 the full
 // form, 3 the reference-point form. The calibration's result is read back as the status text.
 TEST_F(CommandTest, CurveCalibrationFormAndStatusText) {
@@ -475,6 +463,8 @@ TEST_F(CommandTest, CurveCalibrationFormAndStatusText) {
     command_set_status_text("");
 }
 
+// Write 8 sets one entry of the lens parameter record and saves the record; an index past the
+// record sets nothing but still saves what the daemon holds.
 TEST_F(CommandTest, LensParameterWriteAlwaysSavesTheRecord) {
     const std::string file = root_.host(kLensParamPath);
     for (const uint8_t index : {uint8_t{5}, uint8_t{100}, uint8_t{255}}) {

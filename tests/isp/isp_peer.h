@@ -194,23 +194,21 @@ class IspPeer {
         }
     }
 
-    bool reply(int fd, const std::vector<uint8_t>& data, Fault fault) {
+    bool reply(int fd, std::vector<uint8_t>& data, Fault fault) {
         if (fault == Fault::kStall) {
             uint8_t b;
             while (readable(fd) && recv(fd, &b, 1, 0) > 0) {
             }
             return false;
         }
-        if (fault == Fault::kLongReply || fault == Fault::kJunkFirst) {
-            std::vector<uint8_t> out(data);
-            const std::vector<uint8_t> junk(fault == Fault::kLongReply ? 9 : 5, 0xA5);
-            out.insert(fault == Fault::kLongReply ? out.end() : out.begin(), junk.begin(),
-                       junk.end());
-            return send(fd, out.data(), out.size(), MSG_NOSIGNAL) ==
-                   static_cast<ssize_t>(out.size());
-        }
+        // Stray bytes go out with the reply in one send, so that they are there when it is whole.
+        if (fault == Fault::kLongReply)
+            data.insert(data.end(), 9, 0xA5);
+        if (fault == Fault::kJunkFirst)
+            data.insert(data.begin(), 5, 0xA5);
+        const bool whole = fault == Fault::kLongReply || fault == Fault::kJunkFirst;
         const std::size_t end = fault == Fault::kShortReply ? data.size() / 2 : data.size();
-        const std::size_t chunk = chunk_ != 0 ? chunk_.load() : data.size();
+        const std::size_t chunk = chunk_ != 0 && !whole ? chunk_.load() : data.size();
         for (std::size_t off = 0; off < end; off += chunk) {
             if (off != 0)
                 std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -218,7 +216,7 @@ class IspPeer {
             if (send(fd, data.data() + off, len, MSG_NOSIGNAL) != static_cast<ssize_t>(len))
                 return false;
         }
-        return fault == Fault::kNone;
+        return fault != Fault::kShortReply;
     }
 
     uint16_t port_ = 0;

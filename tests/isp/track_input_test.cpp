@@ -1,5 +1,5 @@
 // The tracker's box as statistics blocks, the on/off states of its record, bad records and
-// devices, and the command channel's region of interest as windows.
+// devices, the command channel's region of interest as windows, and the rangefinder readings.
 #include "isp/track_input.h"
 
 #include <gtest/gtest.h>
@@ -8,6 +8,7 @@
 #include <unistd.h>
 #include <cstdio>
 #include <string>
+#include <vector>
 
 #include "base/af_status.h"
 #include "isp/distance_input.h"
@@ -20,30 +21,35 @@ namespace {
 
 using testsupport::capture_stdout;
 
+// The tracker and the rangefinder publish their records in devices under the file root.
 class TrackInputTest : public ::testing::Test {
   protected:
     void SetUp() override {
         platform::set_file_root(root_.path().c_str());
         track_input_reset();
+        distance_input_reset();
         highlight_reset_for_testing();
         g_zoomChanged = 0;
         g_ptChanged = 0;
-        mkdir_dev();
+        ::mkdir(root_.host("/dev").c_str(), 0755);
     }
     void TearDown() override {
         track_input_reset();
+        distance_input_reset();
         platform::set_file_root(nullptr);
     }
-    void mkdir_dev() { ::mkdir(root_.host("/dev").c_str(), 0755); }
-    // Writes the record in place (the tracker rewrites the same device).
-    void publish(uint32_t state, uint32_t x1, uint32_t y1, uint32_t x2, uint32_t y2) {
-        const uint32_t w[5] = {state, x1, y1, x2, y2};
-        FILE* f = std::fopen(root_.host(kTrackDevice).c_str(), "r+b");
+    // Writes the words in place (the publishers rewrite the same device), little-endian as on the
+    // camera.
+    void put(const char* device, std::vector<uint32_t> words) {
+        FILE* f = std::fopen(root_.host(device).c_str(), "r+b");
         if (f == nullptr)
-            f = std::fopen(root_.host(kTrackDevice).c_str(), "w+b");
+            f = std::fopen(root_.host(device).c_str(), "w+b");
         ASSERT_NE(f, nullptr);
-        std::fwrite(w, 4, 5, f);  // little-endian host, as on the camera
+        std::fwrite(words.data(), 4, words.size(), f);
         std::fclose(f);
+    }
+    void publish(uint32_t state, uint32_t x1, uint32_t y1, uint32_t x2, uint32_t y2) {
+        put(kTrackDevice, {state, x1, y1, x2, y2});
     }
     void truncate_to(off_t n) { ASSERT_EQ(::truncate(root_.host(kTrackDevice).c_str(), n), 0); }
     static int count(const TrackRegion& r) {
@@ -191,32 +197,7 @@ TEST_F(TrackInputTest, RegionOfInterestMarksTheWindowsItCoversWholly) {
     EXPECT_EQ(w[12], 1);
 }
 
-}  // namespace
-
-namespace {
-
-class DistanceInputTest : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        platform::set_file_root(root_.path().c_str());
-        distance_input_reset();
-        ::mkdir(root_.host("/dev").c_str(), 0755);
-    }
-    void TearDown() override {
-        distance_input_reset();
-        platform::set_file_root(nullptr);
-    }
-    void publish(uint32_t valid, uint32_t mm) {
-        const uint32_t w[2] = {valid, mm};
-        FILE* f = std::fopen(root_.host(kDistanceDevice).c_str(), "wb");
-        ASSERT_NE(f, nullptr);
-        std::fwrite(w, 4, 2, f);
-        std::fclose(f);
-    }
-    testsupport::SandboxRoot root_;
-};
-
-TEST_F(DistanceInputTest, ReadingsAndTheirAbsence) {
+TEST_F(TrackInputTest, RangefinderReadingsAndTheirAbsence) {
     // Polled on every frame: without a rangefinder the poll must not wait (the virtual clock
     // advances by whatever the daemon sleeps).
     platform::VirtualClock clock;
@@ -225,15 +206,15 @@ TEST_F(DistanceInputTest, ReadingsAndTheirAbsence) {
     EXPECT_EQ(distance_poll(), kDistanceInputNone) << "no rangefinder";
     EXPECT_EQ(clock.monotonic_us(), t0);
     platform::select_clock(nullptr);
-    publish(1, 2500);
+    put(kDistanceDevice, {1, 2500});
     std::string log = capture_stdout([] { EXPECT_EQ(distance_poll(), 2500); });
     EXPECT_NE(log.find("rangefinder reading"), std::string::npos);
     EXPECT_EQ(capture_stdout([] { distance_poll(); }), "") << "logged once";
-    publish(1, 8192);
+    put(kDistanceDevice, {1, 8192});
     EXPECT_EQ(distance_poll(), 8193) << "a real 8192 mm is not 'none'";
-    publish(1, 70000);
+    put(kDistanceDevice, {1, 70000});
     EXPECT_EQ(distance_poll(), 65535);
-    publish(0, 2500);
+    put(kDistanceDevice, {0, 2500});
     log = capture_stdout([] { EXPECT_EQ(distance_poll(), kDistanceInputNone); });
     EXPECT_NE(log.find("rangefinder no reading"), std::string::npos);
     ASSERT_EQ(::truncate(root_.host(kDistanceDevice).c_str(), 4), 0);
