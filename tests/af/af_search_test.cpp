@@ -249,22 +249,21 @@ TEST_F(AfSearchTest, PanTiltHoldsTheSearchAndRestartsItAfterTheHeadStops) {
     place(3200, 4300);
     FrameLoop loop = make_loop();
     ASSERT_GT(run_until_focused(loop, 3000), 0);
-    const sockaddr_in from{};
-    uint8_t move[2 + kMotionCommandWireSize] = {'w', 0};
-    uint8_t stop[2 + kMotionCommandWireSize] = {'w', 0};
-    MotionCommand m{};
-    m.mode = 14;  // pan/tilt moving
-    motion_command_encode(m, move + 2);
-    m.mode = 15;  // pan/tilt stopped
-    motion_command_encode(m, stop + 2);
-    testsupport::capture_stdout([&] { command_process_datagram(move, sizeof move, from); });
+    auto pan_tilt = [](uint8_t mode) {  // 14: the head moves, 15: it stopped
+        uint8_t d[2 + kMotionCommandWireSize] = {'w', 0};
+        MotionCommand m{};
+        m.mode = mode;
+        motion_command_encode(m, d + 2);
+        testsupport::capture_stdout([&] { command_process_datagram(d, sizeof d, sockaddr_in{}); });
+    };
+    pan_tilt(14);
     ASSERT_EQ(command_pt_moving(), 1);
     const uint16_t at = lens_get_focus_pos();
     for (int i = 0; i < 40; ++i)
         loop.iteration();
     EXPECT_EQ(lens_get_focus_pos(), at) << "no search while the head moves";
     EXPECT_NE(g_search.ptHold, 0);
-    testsupport::capture_stdout([&] { command_process_datagram(stop, sizeof stop, from); });
+    pan_tilt(15);
     int i = 0;
     while (g_search.ptHold != 0 && i++ < 20)
         loop.iteration();

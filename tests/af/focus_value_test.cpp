@@ -1,18 +1,37 @@
 // Focus value and zone: the floor of 50, the window and block paths, the weighting of zone type
 // 3, recomputing the histories under a changed zone, the window preset and the zone choice.
+#include <gtest/gtest.h>
+
+#include <cstring>
 #include <vector>
 
-#include "tests/af/af_rules_fixture.h"
+#include "af/af_seams.h"
+#include "af/af_state.h"
+#include "af/focus_zone.h"
+#include "isp/af_stat.h"
+#include "isp/highlight.h"
+#include "lens_api/lens_position.h"
 #include "tests/af/af_test_optics.h"
 
 namespace {
 
-// The rule tests' set-up: every window selected, the window path.
-class FocusValueTest : public afrules::AfRulesTest {
+class FocusValueTest : public ::testing::Test {
   protected:
+    void SetUp() override {
+        lens_position_reset_for_testing();
+        highlight_reset_for_testing();
+        af_reset_for_testing();
+    }
+    void TearDown() override { af_reset_for_testing(); }
+
     static void feed_plane(double focus) {
+        aftest::Plane p;
         std::vector<uint8_t> f;
-        aftest::render(aftest::Plane{}, focus, 0, &f);
+        aftest::render(p, focus, 0, &f);
+        af_stat_fetch_from(f.data(), 1);
+    }
+    static void feed_zero() {
+        std::vector<uint8_t> f(kAfStatFrameSize, 0);
         af_stat_fetch_from(f.data(), 1);
     }
 };
@@ -30,17 +49,19 @@ TEST_F(FocusValueTest, FlatFrameReadsFiftyNeverZero) {
     EXPECT_EQ(ComputeFocusValue(W, G), 50u) << "block path with every block excluded";
     std::memset(g_focusValue.excludedMask, 0, sizeof g_focusValue.excludedMask);
     EXPECT_EQ(ComputeSceneSharpness(W, G), 50u) << "no block above 10";
-    afrules::StatFrame().fetch();
+    feed_zero();
     SnapshotReference();
     EXPECT_EQ(g_focusValue.fvHist[0], 50u);
     EXPECT_EQ(g_focusValue.sceneSharpHist[4], 50u);
 }
 
 TEST_F(FocusValueTest, WindowPathAveragesTheSelectedWindowsAndTypeThreeWeightsTheCentre) {
+    g_blockPath = 0;
     uint32_t W[25];
     uint32_t G[225] = {};
     for (int z = 0; z < 25; ++z)
         W[z] = 100;
+    std::memset(g_focusZone.windowMask, 1, 25);
     EXPECT_EQ(ComputeFocusValue(W, G), 100u);
     g_zoneType = 3;
     // 25 x 100, the inner nine once more, the centre a third time; still divided by 25.
@@ -75,6 +96,8 @@ TEST_F(FocusValueTest, BlockPathHonoursTheBlockMaskOnlyInInnerWindows) {
 }
 
 TEST_F(FocusValueTest, HistoriesFollowAZoneChangeInMidSearch) {
+    g_blockPath = 0;
+    std::memset(g_focusZone.windowMask, 1, 25);
     for (int k = 0; k < 5; ++k)
         for (int z = 0; z < 25; ++z)
             g_focusValue.winHist[k][z] = z == 12 ? 1000u * (k + 1) : 100u;
@@ -91,6 +114,8 @@ TEST_F(FocusValueTest, HistoriesFollowAZoneChangeInMidSearch) {
 }
 
 TEST_F(FocusValueTest, SampleFrameShiftsTheHistoriesAndTracksTheBestValue) {
+    g_blockPath = 0;
+    std::memset(g_focusZone.windowMask, 1, 25);
     lens_set_positions(3200, 4100);
     feed_plane(4100);
     SnapshotReference();
@@ -134,6 +159,7 @@ TEST_F(FocusValueTest, WindowPresetsAndDigitalZoomShapeTheZone) {
 
 TEST_F(FocusValueTest, SearchZoneLeavesOutWindowsWithLights) {
     feed_plane(4300);
+    g_presetFlag = 0;
     for (int r = 0; r < 3; ++r)
         for (int c = 0; c < 3; ++c)
             g_focusValue.highlightMask[r * 15 + c] = 1;  // window 0 is full of lights
