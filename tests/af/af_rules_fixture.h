@@ -146,6 +146,15 @@ class AfRulesTest : public ::testing::Test {
         for (k = 0; k < 5; ++k)
             g_focusValue.fvQueue[k] = g_focusValue.fvHist[4 - k];
     }
+    // One frame more in the histories: the older ones move back by one.
+    static void push_fv(uint32_t v, uint16_t p) {
+        for (int k = 4; k > 0; --k) {
+            g_focusValue.fvHist[k] = g_focusValue.fvHist[k - 1];
+            g_focusValue.posHist[k] = g_focusValue.posHist[k - 1];
+        }
+        g_focusValue.fvHist[0] = v;
+        g_focusValue.posHist[0] = p;
+    }
     static void set_windows(int k, uint32_t v) {
         for (int z = 0; z < 25; ++z)
             g_focusValue.winHist[k][z] = v;

@@ -1,70 +1,14 @@
 // Search phases on crafted histories: the step move at the bounds, the trend classifiers, the
 // peak tests, the coarse step on a flat stretch, the climb's return to its maximum, the fine
-// scan's window and restarts, the final approach's turn back to the best position, and the state
-// records' resets.
-#include <gtest/gtest.h>
-
+// scan's window and restarts, and the final approach's turn back to the best position.
 #include <cstdlib>
-#include <cstring>
 #include <vector>
 
-#include "af/af_seams.h"
-#include "af/af_state.h"
-#include "af/focus_zone.h"
-#include "af/track_region.h"
-#include "isp/af_stat.h"
-#include "isp/highlight.h"
-#include "isp/isp_link.h"
-#include "lens_api/lens_driver.h"
-#include "lens_api/lens_position.h"
-#include "tests/support/test_env.h"
-#include "tracking/curves.h"
-#include "tracking/distance_table.h"
+#include "tests/af/af_rules_fixture.h"
 
 namespace {
 
-void no_move(uint8_t, uint8_t, uint8_t, uint8_t) {}
-void no_step(uint8_t, uint8_t) {}
-
-class SearchPhaseTest : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        ops_ = lens_ops();
-        ops_.move_both = no_move;
-        ops_.focus_step = no_step;
-        ops_.zoom_step = no_step;
-        lens_set_ops_for_testing(&ops_);
-        lens_position_reset_for_testing();
-        highlight_reset_for_testing();
-        isp_link_reset_for_testing();
-        testsupport::capture_stdout([] { curve_load(); });
-        af_reset_for_testing();
-        lens_set_positions(3200, 4000);
-        g_search.lowerBound = 3700;
-        g_search.upperBound = 4500;
-        std::memset(g_focusZone.windowMask, 1, 25);
-    }
-    void TearDown() override {
-        lens_set_ops_for_testing(nullptr);
-        lens_position_reset_for_testing();
-        af_reset_for_testing();
-    }
-
-    // Newest first, as the histories are kept.
-    static void set_fv(std::initializer_list<uint32_t> fv, std::initializer_list<uint16_t> p) {
-        int k = 0;
-        for (uint32_t v : fv)
-            g_focusValue.fvHist[k++] = v;
-        k = 0;
-        for (uint16_t v : p)
-            g_focusValue.posHist[k++] = v;
-        for (k = 0; k < 5; ++k)
-            g_focusValue.fvQueue[k] = g_focusValue.fvHist[4 - k];
-    }
-
-    LensDriverOps ops_{};
-    testsupport::SandboxRoot root_;
-};
+using SearchPhaseTest = afrules::AfRulesTest;
 
 TEST_F(SearchPhaseTest, StepMoveStopsAtTheBoundAndTurns) {
     g_search.searchDir = 2;
@@ -140,8 +84,7 @@ TEST_F(SearchPhaseTest, FlatCoarseApproachSpeedsUpToItsCap) {
     g_search.searchDir = 2;
     g_search.framesInDir = 1;
     for (int k = 0; k < 5; ++k)
-        for (int z = 0; z < 25; ++z)
-            g_focusValue.winHist[k][z] = 300;
+        set_windows(k, 300);
     std::vector<int> steps;
     for (int i = 0; i < 8; ++i) {
         const uint16_t before = lens_get_focus_pos();
@@ -175,19 +118,12 @@ TEST_F(SearchPhaseTest, ClimbBracketsThePeakAndEndsNextToIt) {
         const int v = 3000 - 20 * std::abs(p - 4040);
         return static_cast<uint32_t>(v < 200 ? 200 : v);
     };
-    for (int k = 0; k < 5; ++k) {
-        g_focusValue.fvHist[k] = fv_at(4000);
-        g_focusValue.posHist[k] = 4000;
-    }
+    const uint32_t v0 = fv_at(4000);
+    set_fv({v0, v0, v0, v0, v0}, {4000, 4000, 4000, 4000, 4000});
     bool rose = false;
     for (int frame = 0; frame < 60 && g_search.searchPhase == 2; ++frame) {
         const uint16_t p = lens_get_focus_pos();
-        for (int k = 4; k > 0; --k) {
-            g_focusValue.fvHist[k] = g_focusValue.fvHist[k - 1];
-            g_focusValue.posHist[k] = g_focusValue.posHist[k - 1];
-        }
-        g_focusValue.fvHist[0] = fv_at(p);
-        g_focusValue.posHist[0] = p;
+        push_fv(fv_at(p), p);
         g_search.framesInDir = 9;
         ClimbStep();
         rose = rose || lens_get_focus_pos() > 4040;
@@ -217,8 +153,7 @@ TEST_F(SearchPhaseTest, DeadFlatFineScanRestartsTheSearchAtMostThreeTimes) {
         g_search.searchPhase = 3;
         FineReset(0);
         for (int k = 0; k < 5; ++k)
-            for (int z = 0; z < 25; ++z)
-                g_focusValue.winHist[k][z] = 50;
+            set_windows(k, 50);
         set_fv({50, 50, 50, 50, 50}, {4000, 4000, 4000, 4000, 4000});
         FineStep();  // starts: steps off and takes the reference
         FineStep();  // judges
@@ -239,13 +174,7 @@ TEST_F(SearchPhaseTest, FinalApproachTurnsBackToItsBestPosition) {
     g_final.finalStep = 2;
     const uint32_t fv[] = {3000, 3200, 3350, 3300, 3100, 2800};
     for (uint32_t v : fv) {
-        const uint16_t p = lens_get_focus_pos();
-        for (int k = 4; k > 0; --k) {
-            g_focusValue.fvHist[k] = g_focusValue.fvHist[k - 1];
-            g_focusValue.posHist[k] = g_focusValue.posHist[k - 1];
-        }
-        g_focusValue.fvHist[0] = v;
-        g_focusValue.posHist[0] = p;
+        push_fv(v, lens_get_focus_pos());
         FinalStep();
         if (g_climb.finalReturn == 1)
             break;
@@ -255,69 +184,6 @@ TEST_F(SearchPhaseTest, FinalApproachTurnsBackToItsBestPosition) {
     FinalStep();  // the frame after the drive back
     EXPECT_EQ(g_afState, 2) << "focused";
     EXPECT_EQ(g_climb.finalReturn, 0u);
-}
-
-TEST_F(SearchPhaseTest, StateResetsBringEachRecordBackToItsPowerOnValues) {
-    // Leave marks in every record through the search's own operations.
-    lens_set_positions(3200, 4480);
-    g_search.searchDir = 2;
-    StepMove(50);  // stops at the upper bound and turns
-    ASSERT_EQ(g_search.hitUpper, 1u);
-    g_search.searchPhase = 1;
-    CoarseStep();  // the bound hit hands over to the climb with the climb's small step
-    ASSERT_EQ(g_search.searchPhase, 2u);
-    ASSERT_EQ(g_coarse.coarseStep, 3);
-    set_fv({900, 800, 700, 600, 500}, {4400, 4410, 4420, 4430, 4440});
-    ClimbReset();
-    ClimbStep();
-    ASSERT_EQ(g_climb.climbMax, 900u);
-    g_afState = 1;
-    FineReset(0);
-    for (int k = 0; k < 5; ++k)
-        for (int z = 0; z < 25; ++z)
-            g_focusValue.winHist[k][z] = 50;
-    set_fv({50, 50, 50, 50, 50}, {4000, 4000, 4000, 4000, 4000});
-    FineStep();
-    FineStep();  // dead flat: the search restarts and the gain drops
-    ASSERT_EQ(g_fine.fineGain, 7);
-    clear_final_counters();
-    set_fv({1200, 1100, 1000, 900, 800}, {4010, 4008, 4006, 4004, 4002});
-    FinalStep();
-    ASSERT_EQ(g_final.finalBest, 1200u);
-    PushRestartReason(2);
-    PushRestartReason(2);
-    PushRestartReason(2);
-    ASSERT_TRUE(AllReasonsTwo());
-    focused_range_reset();
-    ASSERT_NE(g_watch.focusedRange[0], 0);
-
-    search_state_reset();
-    coarse_state_reset();
-    climb_state_reset();
-    fine_state_reset();
-    final_state_reset();
-    focus_value_state_reset();
-    watch_state_reset();
-    seam_state_reset();
-
-    EXPECT_EQ(g_search.searchPhase, 1u);
-    EXPECT_EQ(g_search.searchDir, 2u);
-    EXPECT_EQ(g_search.hitUpper, 0u);
-    EXPECT_EQ(g_search.lastZoom, 10000) << "no zoom seen yet";
-    EXPECT_EQ(g_coarse.coarseStep, 2);
-    EXPECT_EQ(g_climb.climbMult, 1);
-    EXPECT_EQ(g_climb.climbMax, 50u);
-    EXPECT_EQ(g_fine.fineGain, 9);
-    EXPECT_EQ(g_fine.fineRetries, 0);
-    EXPECT_EQ(g_fine.fineStep, 1);
-    EXPECT_EQ(g_final.finalStep, 1);
-    EXPECT_EQ(g_final.finalBest, 50u);
-    for (int k = 0; k < 5; ++k)
-        EXPECT_EQ(g_focusValue.fvHist[k], 50u) << "the floor of every sharpness, frame " << k;
-    EXPECT_EQ(g_watch.focusedRange[0], 0);
-    EXPECT_FALSE(AllReasonsTwo());
-    EXPECT_EQ(g_seams.pointLightZone, 1);
-    EXPECT_EQ(g_seams.currentDistance, kDistanceUnknown);
 }
 
 }  // namespace

@@ -146,7 +146,7 @@ TEST_F(StartPhaseTest, BelowZoom1000TheLargestWindowAndTheDullOnesDecide) {
     EXPECT_FALSE(coarse(500, {12}, {}));
 }
 
-// Not covered: the branch after a focused picture (startFresh 0) compares the block grid stored
-// at focus with the one the focused watch stores later; neither grid is kept yet.
+// The branch after a focused picture (startFresh 0) reads the grids the focused watch keeps: see
+// FocusWatchTest.RestartStartsCoarseWhenTheSubjectLostSharpnessOrNothingChanged.
 
 }  // namespace

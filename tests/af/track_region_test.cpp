@@ -138,6 +138,8 @@ TEST_F(TrackRegionTest, BoundsClampNegativeFirstsAndTheReasonHistoryStartsNeutra
     PushRestartReason(2);
     PushRestartReason(2);
     EXPECT_FALSE(AllReasonsTwo()) << "two motion-hint restarts after start-up are not three";
+    PushRestartReason(2);
+    EXPECT_TRUE(AllReasonsTwo());
 }
 
 }  // namespace

@@ -5,9 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <deque>
-#include <vector>
 
 #include "af/auto_focus.h"
 #include "base/frame_pacing.h"
@@ -16,6 +14,7 @@
 #include "isp/highlight.h"
 #include "lens_api/lens_driver.h"
 #include "lens_api/lens_position.h"
+#include "tests/isp/stat_frame.h"
 #include "tests/support/test_env.h"
 #include "tracking/curves.h"
 #include "tracking/zoom_track.h"
@@ -25,16 +24,6 @@ namespace {
 int g_moveCalls = 0;
 void count_move(uint8_t, uint8_t, uint8_t, uint8_t) {
     ++g_moveCalls;
-}
-
-// A statistics frame whose every block reads the given sharpness in all four filter sums.
-std::vector<uint8_t> uniform_frame(uint32_t s) {
-    std::vector<uint8_t> f(5504, 0);
-    const uint32_t arrays[] = {2000, s, s, s, s};  // luma, fir_v, fir_h, iir1, iir2; no highlight
-    for (size_t a = 0; a < 5; ++a)
-        for (size_t b = 0; b < 225; ++b)
-            std::memcpy(f.data() + 4 * (3 + 225 * a + b), &arrays[a], 4);
-    return f;
 }
 
 class MotionTest : public ::testing::Test {
@@ -63,8 +52,13 @@ class MotionTest : public ::testing::Test {
         command_set_max_ezoom(0);
     }
 
+    // Every block reads the given sharpness in all four filter sums.
     static void feed(uint32_t sharpness) {
-        const std::vector<uint8_t> f = uniform_frame(sharpness);
+        isptest::StatFrame f;
+        f.fill(isptest::Field::kLuma, 2000);
+        for (auto field : {isptest::Field::kFirV, isptest::Field::kFirH, isptest::Field::kIir1,
+                           isptest::Field::kIir2})
+            f.fill(field, sharpness);
         af_stat_fetch_from(f.data(), 2);
     }
 
