@@ -442,7 +442,16 @@ def save_blocked(run, block, unblock, what):
     n = logged(run, r"lens_parameter.dat (Open|Save) Fail", 1)
     unblock()
     run.ctl("param", "20", "1235")
-    run.wait(lambda: lens_param_file(run)[20] == 1235, 10, "the save after the fault")
+    # The save ends with an fsync, which on a disk busy with other writers (a CI machine running
+    # benchmarks next to this) has been seen to take over ten seconds: the temporary file is
+    # whole and only the rename is pending. Wait long enough for that, and say which it was.
+    tmp = os.path.join(run.sb, "data/lens_parameter.dat.tmp")
+    try:
+        run.wait(lambda: lens_param_file(run)[20] == 1235, 45, "the save after the fault")
+    except CheckFailed as e:
+        state = "its temporary file is written, not yet renamed" if os.path.exists(tmp) else \
+            "no temporary file"
+        raise CheckFailed(f"{e} ({state})")
     rec = lens_param_file(run)
     if len(rec) != 100 or rec[99] != 0x55AA or rec[8] != 6624:
         raise CheckFailed("the lens parameter file is not whole after the save")
