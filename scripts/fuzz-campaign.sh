@@ -9,6 +9,11 @@
 #
 #   scripts/fuzz-campaign.sh [target ...]      # default: all targets
 #
+# AFD_FUZZ_FAST=1 explores with targets built without sanitizers (in build-fuzz-fast: ten to
+# twenty times the executions per second), then replays every input of the grown corpus through
+# the sanitized build (build-fuzz, or AFD_FUZZ_SAN_BUILD): a memory or undefined-behaviour fault
+# that the exploring build reached but did not notice shows in the replay.
+#
 # Corpora start from the seeds in tests/fuzz/corpus/<target>/ and grow in
 # $AFD_FUZZ_BUILD/campaign/<target>/ (default build-fuzz); crashes land in
 # $AFD_FUZZ_BUILD/campaign/artifacts/. A table of executions, speed and outcome ends the run; the
@@ -17,7 +22,13 @@ set -euo pipefail
 
 ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 bash "$ROOT/scripts/setup.sh" "$ROOT/scripts/packages-fuzz.txt"
-BUILD="${AFD_FUZZ_BUILD:-$ROOT/build-fuzz}"
+FAST="${AFD_FUZZ_FAST:-0}"
+SAN_BUILD="${AFD_FUZZ_SAN_BUILD:-$ROOT/build-fuzz}"
+if [[ $FAST == 1 ]]; then
+    BUILD="${AFD_FUZZ_BUILD:-$ROOT/build-fuzz-fast}"
+else
+    BUILD="${AFD_FUZZ_BUILD:-$SAN_BUILD}"
+fi
 RUNS="${AFD_FUZZ_RUNS:-10000000}"
 BUDGET="${AFD_FUZZ_BUDGET:-900}"
 TIMEOUT="${AFD_FUZZ_TIMEOUT:-60}"
@@ -31,10 +42,18 @@ targets=("$@")
 
 generator=()
 command -v ninja >/dev/null 2>&1 && generator=(-G Ninja)
-cmake -S "$ROOT/tests/fuzz" -B "$BUILD" "${generator[@]}" \
-    -DCMAKE_C_COMPILER="$CC_BIN" -DCMAKE_CXX_COMPILER="$CXX_BIN" \
-    -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-nice -n 10 cmake --build "$BUILD" -j2
+configure() {  # build-dir sanitizers
+    cmake -S "$ROOT/tests/fuzz" -B "$1" "${generator[@]}" \
+        -DCMAKE_C_COMPILER="$CC_BIN" -DCMAKE_CXX_COMPILER="$CXX_BIN" \
+        -DCMAKE_BUILD_TYPE=RelWithDebInfo -DAFD_FUZZ_SANITIZERS="$2" >/dev/null
+    nice -n 10 cmake --build "$1" -j2
+}
+if [[ $FAST == 1 ]]; then
+    configure "$BUILD" OFF
+    configure "$SAN_BUILD" ON
+else
+    configure "$BUILD" ON
+fi
 
 camp="$BUILD/campaign"
 mkdir -p "$camp/artifacts"
@@ -70,8 +89,20 @@ for t in "${targets[@]}"; do
         total=$((n1 + n2)) secs=$((PROBE + $(date +%s) - start))
         [[ $rc2 == 0 ]] || outcome="FOUND (see $camp/$t.log)" faillog="$camp/$t.log"
     fi
+    # The sanitized replay of everything the exploring build kept.
+    if [[ $FAST == 1 && $outcome == ok ]]; then
+        replay="$camp/$t.replay.log"
+        if ! (cd "$camp" && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
+            nice -n 10 "$SAN_BUILD/$t" -runs=0 -timeout="$TIMEOUT" -rss_limit_mb=2048 \
+            -max_len=12000 -artifact_prefix="$camp/artifacts/$t-replay-" "$camp/$t" \
+            >"$replay" 2>&1); then
+            outcome="FOUND in the sanitized replay (see $replay)" faillog="$replay"
+        else
+            outcome="ok, $(ls "$camp/$t" | wc -l) corpus inputs replayed sanitized"
+        fi
+    fi
     # A timeout that does not come back when its input runs alone was the machine, not the code.
-    if [[ $outcome != ok ]]; then
+    if [[ $outcome != ok* ]]; then
         art=$(ls -t "$camp/artifacts/$t-timeout-"* 2>/dev/null | head -1 || true)
         if grep -q "ERROR: libFuzzer: timeout" "$faillog" && [[ -n $art ]] &&
             (cd "$camp" && "$BUILD/$t" -timeout="$TIMEOUT" "$art" >"$camp/$t.retry.log" 2>&1); then
@@ -79,7 +110,7 @@ for t in "${targets[@]}"; do
         fi
     fi
     [[ $outcome == ok* ]] || status=1
-    [[ $outcome == ok && $total -lt $RUNS ]] && outcome="ok, budget reached"
+    [[ $outcome == ok* && $total -lt $RUNS ]] && outcome="$outcome, budget reached"
     true
     rows+=("$(printf '%-18s %12s %8s %7s  %s' "$t" "$total" "$rate" "$secs" "$outcome")")
     echo "== $t: $total executions in ${secs}s: $outcome"
