@@ -25,7 +25,7 @@ namespace hwwire {
 
 inline constexpr const char* kSocketEnv = "AFD_SIM_SOCKET";
 inline constexpr uint32_t kMagic = 0x57484641;  // "AFHW"
-inline constexpr uint16_t kVersion = 1;
+inline constexpr uint16_t kVersion = 2;
 inline constexpr std::size_t kPathLen = 32;
 inline constexpr std::size_t kMaxFrame = 16;  // longest SPI frame carried (the daemon sends <= 6)
 
@@ -63,10 +63,16 @@ struct HwReply {
     uint32_t value;  // RD ioctl value, GPIO int after the request
     uint32_t len;    // bytes in rx
     uint8_t rx[kMaxFrame];
+    // For a read (a transfer, a GPIO level): the daemon time before which the same read gives
+    // the same answer as long as the daemon sends nothing else, e.g. the end of the pulse train
+    // a busy flag stands for. 0 when the emulator promises nothing (the answer may change at any
+    // time, or a fault holds it). The backend uses it to let a busy-wait loop jump ahead on the
+    // virtual clock instead of spending one socket round trip per poll.
+    uint64_t steady_until_us;
 };
 
 static_assert(sizeof(HwRequest) == 88, "request layout");
-static_assert(sizeof(HwReply) == 40, "reply layout");
+static_assert(sizeof(HwReply) == 48, "reply layout");
 static_assert(std::is_trivially_copyable_v<HwRequest> && std::is_trivially_copyable_v<HwReply>);
 
 inline bool header_ok(uint32_t magic, uint16_t version) {

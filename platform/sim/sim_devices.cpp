@@ -31,15 +31,16 @@ void copy_path(HwRequest& req, const char* path) {
 }
 
 // A bus transfer or GPIO syscall takes time on the board; on the virtual clock it is charged here.
-void charge_call() {
+void charge_call(uint32_t cost_us) {
     if (clock().is_virtual())
-        sleep_us(kSimCallCostUs);
+        sleep_us(cost_us);
 }
 
 int simple_call(SimHwLink& link, HwRequest& req) {
     HwReply reply;
-    const bool ok = link.exchange(req, reply);
-    charge_call();
+    uint32_t cost = kSimCallCostUs;
+    const bool ok = link.exchange(req, reply, &cost);
+    charge_call(cost);
     return ok ? reply.result : -1;
 }
 
@@ -84,8 +85,24 @@ void SimHwLink::disconnect() {
     fd_ = -1;
 }
 
-bool SimHwLink::exchange(HwRequest& req, HwReply& reply) {
+bool SimHwLink::repeats_last(const HwRequest& req, const HwReply& reply) const {
+    // Measured from the end of the previous call, which may itself have been a jump.
+    if (!have_last_ || req.time_us < last_end_us_ || req.time_us - last_end_us_ > kSimPollGapUs)
+        return false;
+    const HwRequest& a = last_req_;
+    const HwReply& b = last_reply_;
+    const std::size_t n = req.len <= hwwire::kMaxFrame ? req.len : hwwire::kMaxFrame;
+    const std::size_t m = reply.len <= hwwire::kMaxFrame ? reply.len : hwwire::kMaxFrame;
+    return a.op == req.op && a.handle == req.handle && a.request == req.request &&
+           a.value == req.value && a.len == req.len && std::memcmp(a.tx, req.tx, n) == 0 &&
+           b.result == reply.result && b.value == reply.value && b.len == reply.len &&
+           std::memcmp(b.rx, reply.rx, m) == 0;
+}
+
+bool SimHwLink::exchange(HwRequest& req, HwReply& reply, uint32_t* cost_us) {
     std::lock_guard<std::mutex> lock(mu_);
+    if (cost_us != nullptr)
+        *cost_us = kSimCallCostUs;
     if (fd_ < 0)
         return false;
     req.magic = hwwire::kMagic;
@@ -105,8 +122,20 @@ bool SimHwLink::exchange(HwRequest& req, HwReply& reply) {
         fd_ = -1;
         std::printf("sim hw: link lost\n");
         std::fflush(stdout);
+        have_last_ = false;
         return false;
     }
+    uint32_t cost = kSimCallCostUs;
+    if (reply.steady_until_us > req.time_us + kSimCallCostUs && repeats_last(req, reply)) {
+        const uint64_t ahead = reply.steady_until_us - req.time_us;
+        cost = static_cast<uint32_t>(ahead < kSimPollJumpUs ? ahead : kSimPollJumpUs);
+    }
+    if (cost_us != nullptr)
+        *cost_us = cost;
+    last_end_us_ = req.time_us + cost;
+    last_req_ = req;
+    last_reply_ = reply;
+    have_last_ = true;
     return true;
 }
 
@@ -131,8 +160,9 @@ int SimSpi::ioctl(int fd, unsigned long request, void* arg) {
                         tr->len);
         req.value = tr->rx_buf != 0 ? 1 : 0;
         HwReply reply;
-        const bool ok = link_.exchange(req, reply);
-        charge_call();
+        uint32_t cost = kSimCallCostUs;
+        const bool ok = link_.exchange(req, reply, &cost);
+        charge_call(cost);
         if (!ok)
             return -1;
         if (reply.result >= 0 && tr->rx_buf != 0 && reply.len <= tr->len)
@@ -154,8 +184,9 @@ int SimSpi::ioctl(int fd, unsigned long request, void* arg) {
     else
         req.value = *static_cast<uint8_t*>(arg);
     HwReply reply;
-    const bool ok = link_.exchange(req, reply);
-    charge_call();
+    uint32_t cost = kSimCallCostUs;
+    const bool ok = link_.exchange(req, reply, &cost);
+    charge_call(cost);
     if (!ok)
         return -1;
     const bool is_read = request == SPI_IOC_RD_MODE || request == SPI_IOC_RD_BITS_PER_WORD ||
@@ -190,8 +221,9 @@ int SimGpio::ioctl(int fd, unsigned long request, void* arg) {
     std::memcpy(&v, arg, sizeof v);
     req.value = static_cast<uint32_t>(v);
     HwReply reply;
-    const bool ok = link_.exchange(req, reply);
-    charge_call();
+    uint32_t cost = kSimCallCostUs;
+    const bool ok = link_.exchange(req, reply, &cost);
+    charge_call(cost);
     if (!ok)
         return -1;
     // Like the device, a failed request leaves the argument untouched.

@@ -356,9 +356,10 @@ HwReply HwServer::handle(const HwRequest& req) {
                 reply.result = kEio;
             } else {
                 // A bus without the chip (or a frame the chip ignores) reads back zeros.
-                if (h->has_chip && lc_)
+                if (h->has_chip && lc_) {
                     lc_->transfer(now, h->mode, req.tx, reply.rx, req.len);
-                else if (h->has_chip && ms_)
+                    reply.steady_until_us = lc_->steady_until_us();
+                } else if (h->has_chip && ms_)
                     ms_->transfer(now, h->mode, req.tx, reply.rx, req.len);
                 else
                     advance_chip(now);
@@ -390,8 +391,12 @@ HwReply HwServer::handle(const HwRequest& req) {
             Handle* h = handle_at(true);
             int arg = static_cast<int>(req.value);
             advance_chip(now);
+            const uint16_t pin = static_cast<uint16_t>(arg);
             reply.result = h ? gpio_.request(req.request, &arg, now) : kEbadf;
             reply.value = static_cast<uint32_t>(arg);
+            if (reply.result == 0 && ms_ && req.request == GpioEmu::kReqRead &&
+                pin == cfg_.pins.pls && arg == 1)
+                reply.steady_until_us = ms_->pls_steady_until_us();
             break;
         }
         default:

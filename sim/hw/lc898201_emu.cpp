@@ -227,6 +227,7 @@ void Lc898201Emu::write8(uint16_t addr, uint8_t v, uint64_t now_us) {
 void Lc898201Emu::transfer(uint64_t now_us, uint8_t mode, const uint8_t* tx, uint8_t* rx,
                            std::size_t len) {
     std::memset(rx, 0, len);
+    steady_until_ = 0;
     if (mode != kChipMode || (len != 3 && len != 6)) {
         ++frames_ignored_;
         return;
@@ -235,9 +236,13 @@ void Lc898201Emu::transfer(uint64_t now_us, uint8_t mode, const uint8_t* tx, uin
     const bool read = (tx[0] & 0x80) != 0;
     const uint16_t addr = static_cast<uint16_t>(((tx[0] & 0x7F) << 8) | tx[1]);
     if (len == 3) {
-        if (read)
+        if (read) {
             rx[2] = read8(addr);
-        else
+            if (addr == kZoomBase + kStart && !cfg_.zoom_busy_stuck)
+                steady_until_ = busy_until(zoom_);
+            else if (addr == kFocusBase + kStart && !cfg_.focus_busy_stuck)
+                steady_until_ = busy_until(focus_);
+        } else
             write8(addr, tx[2], now_);
         return;
     }
@@ -258,6 +263,13 @@ void Lc898201Emu::transfer(uint64_t now_us, uint8_t mode, const uint8_t* tx, uin
                         (static_cast<uint32_t>(tx[3]) << 16) | (static_cast<uint32_t>(tx[4]) << 8) |
                         tx[5];
     }
+}
+
+uint64_t Lc898201Emu::busy_until(const Channel& ch) {
+    if (!ch.busy)
+        return 0;
+    return static_cast<uint64_t>(
+        std::ceil(ch.next_us + static_cast<double>(ch.remaining - 1) * ch.period_us));
 }
 
 uint8_t Lc898201Emu::reg8(uint16_t addr) const {

@@ -78,6 +78,9 @@ class Lc898201Emu {
 
     const Lc898201Config& config() const { return cfg_; }
     Lc898201Config& config() { return cfg_; }
+    // For the last transfer, when it read the start/busy register of a running channel that no
+    // fault holds: the time its pulse train ends and the register reads 0. Otherwise 0.
+    uint64_t steady_until_us() const { return steady_until_; }
     uint8_t reg8(uint16_t addr) const;
     uint32_t reg32(uint16_t addr) const;
     double hall_reading() const;
@@ -109,6 +112,7 @@ class Lc898201Emu {
     double iris_target() const;
     double gain() const;
     uint8_t read8(uint16_t addr);
+    static uint64_t busy_until(const Channel& ch);
     void write8(uint16_t addr, uint8_t v, uint64_t now_us);
     void publish();
 
@@ -122,6 +126,7 @@ class Lc898201Emu {
     double iris_ = 0.0;
     float servo_target_ = 1.0f;
     uint64_t now_ = 0;
+    uint64_t steady_until_ = 0;
     uint32_t restarts_while_busy_ = 0;
     uint32_t frames_ignored_ = 0;
 };

@@ -89,6 +89,12 @@ bool Ms41908Emu::pls() const {
     return cfg_.busy_stuck || zoom_.busy() || focus_.busy();
 }
 
+uint64_t Ms41908Emu::pls_steady_until_us() const {
+    if (cfg_.busy_stuck)
+        return 0;
+    return std::max(zoom_.busy_until_us(), focus_.busy_until_us());
+}
+
 bool Ms41908Emu::zoom_sensor() const {
     return sensor(cfg_.zoom_sensor, (regs_[kRegZoomWord] & kSupplyBit) != 0,
                   zoom_.carriage_steps() >= cfg_.zoom_home_edge);

@@ -77,6 +77,9 @@ class Ms41908Emu {
 
     // GPIO outputs of the chip and the lens, at the time of the last advance.
     bool pls() const;
+    // While pls is high and not held by a fault: the time it falls, when both trains have ended
+    // (nothing but a strobe from the daemon changes that). Otherwise 0.
+    uint64_t pls_steady_until_us() const;
     bool zoom_sensor() const;
     bool focus_sensor() const;
 

@@ -64,6 +64,13 @@ class StepperChannel {
     }
 
     bool busy() const { return busy_; }
+    // Time of the last pulse of the running train, from which on busy() is false; 0 when idle.
+    uint64_t busy_until_us() const {
+        if (!busy_)
+            return 0;
+        return static_cast<uint64_t>(
+            std::ceil(next_us_ + static_cast<double>(remaining_ - 1) * period_us_));
+    }
     // Carriage and motor positions in steps.
     double carriage_steps() const { return static_cast<double>(carriage_) / pps_; }
     double motor_steps() const { return static_cast<double>(motor_) / pps_; }

@@ -8,6 +8,7 @@
 #include <tuple>
 
 #include "lens_api/lens_driver.h"
+#include "lens_api/spi_link.h"
 #include "platform/sim/sim_devices.h"
 #include "sim/hw/hw_server.h"
 #include "store/offsets.h"
@@ -258,6 +259,51 @@ TEST_F(LensSimE2E, WithoutLensHardwareEachFrameDropsAtOnceAndTheLogGetsARepeatCo
     EXPECT_LE(lines, 1 + kFrames / 150 + 1) << "one line per 5 s, not per frame\n" << out;
     EXPECT_EQ(lens_get_zoom_pos(), 0) << "nothing moved";
     EXPECT_EQ(iris_get_value(), 0);
+}
+
+// A driver polling the LC898201's busy register leaves the loop at the virtual time the pulse
+// train ends, in a handful of polls rather than one round trip per 10 us; reads that do not
+// repeat the one before (another register between them, or a fault holding the flag) are
+// charged one call each.
+TEST_F(LensSimE2E, ABusyPollJumpsToTheEndOfThePulseTrainOtherReadsCostOneCall) {
+    start("lc898201", "time_unit_us=0.2", 3000, 3000);
+    ASSERT_EQ(spi_lc_open(), 0);
+    auto start_zoom = [&](uint16_t pulses, uint16_t period) {
+        spi_lc_write8(0x0102, 0x00);  // direction
+        spi_lc_write8(0x0104, static_cast<uint8_t>(period & 0xFF));
+        spi_lc_write8(0x0105, static_cast<uint8_t>(period >> 8));
+        spi_lc_write8(0x0106, static_cast<uint8_t>(pulses & 0xFF));
+        spi_lc_write8(0x0107, static_cast<uint8_t>(pulses >> 8));
+        spi_lc_write8(0x010E, 1);
+    };
+    // 4000 pulses of 1000 x 0.2 us: busy for 800 ms from the start write.
+    start_zoom(4000, 1000);
+    const uint64_t started = clock.monotonic_us() - platform::kSimCallCostUs;
+    const uint64_t requests0 = server->requests();
+    int polls = 0;
+    while (spi_lc_read8(0x010E) == 1 && polls < 100000)
+        ++polls;
+    const uint64_t left = clock.monotonic_us();
+    EXPECT_GE(left, started + 800000);
+    EXPECT_LE(left, started + 800000 + 2 * platform::kSimCallCostUs);
+    EXPECT_LE(server->requests() - requests0, 800000 / platform::kSimPollJumpUs + 3);
+
+    // Not a poll: the busy read alternates with a sensor read.
+    start_zoom(4000, 1000);
+    uint64_t t = clock.monotonic_us();
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(spi_lc_read8(0x010E), 1);
+        spi_lc_read8(0x014C);
+    }
+    EXPECT_EQ(clock.monotonic_us() - t, 6 * platform::kSimCallCostUs);
+
+    // A stuck busy flag promises nothing: every poll is one call.
+    server->with_lock(
+        [](HwConfig&, vcam::hw::Lc898201Emu* lc, auto&) { lc->config().zoom_busy_stuck = true; });
+    t = clock.monotonic_us();
+    for (int i = 0; i < 5; ++i)
+        EXPECT_EQ(spi_lc_read8(0x010E), 1);
+    EXPECT_EQ(clock.monotonic_us() - t, 5 * platform::kSimCallCostUs);
 }
 
 }  // namespace
