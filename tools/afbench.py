@@ -39,6 +39,7 @@ One SVG per case (lens focus vs true in-focus position, centre sharpness) is dra
 build/tools/telemetry_plot into DIR.
 """
 import argparse
+import concurrent.futures
 import json
 import os
 import re
@@ -53,7 +54,7 @@ import threading
 import time
 
 import benchenv
-from benchenv import half_width, make_sandbox, rows
+from benchenv import half_width, make_sandbox, remove_sandboxes, rows
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 SCEN = os.path.join(ROOT, "sim/scenarios")
@@ -244,14 +245,14 @@ def vcam_alone(build, text, extra, frames, port):
                          stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
     try:
         s = None
-        for _ in range(100):
+        for _ in range(1000):
             try:
                 s = socket.create_connection(("127.0.0.1", port), timeout=5)
                 break
             except OSError:
                 if p.poll() is not None:
                     raise RuntimeError("vcam exited: " + p.stderr.read().decode()[-400:])
-                time.sleep(0.05)
+                time.sleep(0.005)
         if s is None:
             raise RuntimeError("vcam did not listen")
         s.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
@@ -490,7 +491,7 @@ def wait_lens(tele, axis, target, tol, rest=10, timeout=30):
         if len(data) == rest and all(abs(r["lens"][axis] - target) <= tol and
                                      r["lens"][axis] == data[-1]["lens"][axis] for r in data):
             return data[-1]
-        time.sleep(0.05)
+        time.sleep(0.01)
     raise RuntimeError("lens %s never reached %s" % (axis, target))
 
 
@@ -502,8 +503,22 @@ def wait_focus_rest(tele, rest, timeout=30):
         if len(data) == rest and all(r["lens"]["focus"] == data[-1]["lens"]["focus"]
                                      for r in data):
             return
-        time.sleep(0.05)
+        time.sleep(0.01)
     raise RuntimeError("the focus never came to rest")
+
+
+def wait_frames(tele, n, timeout=30):
+    """Waits until vcam has served n more frames (virtual time, not wall time, is what the daemon
+    needs to act on a command)."""
+    first = rows_tail(tele, 1)
+    f0 = first[-1]["frame"] if first else 0
+    end = time.time() + timeout
+    while time.time() < end:
+        last = rows_tail(tele, 1)
+        if last and last[-1]["frame"] >= f0 + n:
+            return
+        time.sleep(0.005)
+    raise RuntimeError(f"vcam served fewer than {n} frames in {timeout} s")
 
 
 def rows_tail(path, n):
@@ -548,22 +563,24 @@ def run_daemon(build, base, ov, extra, seconds, port, outdir, name, mode, callgr
         for _ in range(100):
             if os.path.exists(env["AFD_SIM_SOCKET"]):
                 break
-            time.sleep(0.05)
+            time.sleep(0.01)
         cmd = [os.path.join(build, "afd")]
         if callgrind:  # instruction counts of the daemon, zeroed at the trigger
             cmd = ["valgrind", "--tool=callgrind", "--callgrind-out-file=" + callgrind] + cmd
         daemon = subprocess.Popen(cmd, env=env, stdout=open(os.path.join(sb, "run/afd.log"), "wb"),
                                   stderr=subprocess.STDOUT)
         procs.append(daemon)
-        for _ in range(240):
-            if subprocess.run([os.path.join(build, "afctl"), "--timeout", "300", "error"],
+        # The daemon answers once its lens start-up is over (a few virtual seconds of homing,
+        # some tens of milliseconds of wall time).
+        for _ in range(1500):
+            if subprocess.run([os.path.join(build, "afctl"), "--timeout", "40", "error"],
                               env=env, capture_output=True).returncode == 0:
                 break
-            time.sleep(0.25)
+            time.sleep(0.02)
         for _ in range(600):  # the daemon's lens initialisation ends, frames flow
             if len(rows_tail(tele, 5)) == 5:
                 break
-            time.sleep(0.05)
+            time.sleep(0.01)
         # The commanded start, as a preset recall with the autofocus on (switching it off and on
         # again would first drive the focus back to its last autofocus position): a tracked zoom,
         # whose search ends focused, then a zoom-then-focus preset to the start at the same zoom.
@@ -574,7 +591,7 @@ def run_daemon(build, base, ov, extra, seconds, port, outdir, name, mode, callgr
         wait_lens(tele, "zoom", zoom, 60)  # the zoom stops within a few steps
         wait_focus_rest(tele, 20)
         afctl(build, env, "af", "--mode", "once")  # one more search, then hold
-        time.sleep(0.3)  # the search starts on the daemon's next AF frame: let it begin
+        wait_frames(tele, 30)  # the search starts on the daemon's next AF frame: let it begin
         wait_focus_rest(tele, 40)
         pos = json.loads(afctl(build, env, "--json", "positions"))
         afctl(build, env, "zoom", "--to", str(pos["zoom"]), "--focus", str(start), "--speed", "7")
@@ -594,7 +611,7 @@ def run_daemon(build, base, ov, extra, seconds, port, outdir, name, mode, callgr
             gate.open.set()
             while gate.hold_at is not None or not gate.waiting.is_set():
                 time.sleep(0.01)
-            time.sleep(0.05)
+            time.sleep(0.01)
             last = rows_tail(tele, 1)[-1]
         trigger = last["exposure"] + 1
         if callgrind:
@@ -626,7 +643,7 @@ def run_daemon(build, base, ov, extra, seconds, port, outdir, name, mode, callgr
                 break
             if any(p.poll() is not None for p in procs):
                 break
-            time.sleep(0.05)
+            time.sleep(0.01)
         if callgrind:
             gate.open.clear()  # the daemon waits for its next frame while the counts are written
             gate.waiting.wait(30)
@@ -1002,6 +1019,11 @@ def main():
                     help="run every case N times: noise seed k (vcam --seed) and the trigger "
                          "(k - 1) %% 3 frames later, so it meets the daemon's AF cadence at "
                          "another phase; 1 keeps the scenario's seed")
+    ap.add_argument("--jobs", type=int, default=os.cpu_count() or 1,
+                    help="cases run at the same time (default: one per core); the figures do not "
+                         "depend on it, since every case runs on its own virtual clock")
+    ap.add_argument("--keep", action="store_true",
+                    help="keep every case's sandbox (telemetry, logs) under /tmp")
     ap.add_argument("--json")
     ap.add_argument("--out", help="directory for the SVG plots (default: a new temporary one)")
     a = ap.parse_args()
@@ -1035,24 +1057,53 @@ def main():
         run_track_suite(a, cases, port, outdir)
         return
     seconds = a.seconds or 30.0
+    t_all = time.time()
     print(f"{'case':<24} {'zoom':>5} {'start':>5} {'truth':>6} {'dof':>5} {'ftf':>6} "
           f"{'oracle':>6} {'ratio':>5} {'err':>7} {'e/dof':>6} {'sw/dof':>6} {'travel':>6} "
           f"{'rev':>4} {'fr/min':>6} {'refoc':>6}")
-    results = []
-    for c in cases:
-        try:
-            r = run_case(a.build, c, seconds, port, outdir, a.mode, a.callgrind)
-        except Exception as e:  # report and go on with the next case
-            r = {"case": c[0], "scenario": c[1], "error": f"{type(e).__name__}: {e}"}
-        port += 12
-        results.append(r)
-        print_row(r)
+    results = run_all(a, cases, port, 12, print_row,
+                      lambda c, p: run_case(a.build, c, seconds, p, outdir, a.mode, a.callgrind))
     s = summary(results)
+    s["speed"] = speed(results, seconds, time.time() - t_all, a.jobs)
     print("summary:", json.dumps(s))
+    print("speed: %(cases)d cases of %(virtual_s_per_case)g virtual s in %(wall_s)s s of wall "
+          "time, %(jobs)d at a time: %(virtual_per_wall)s virtual s per wall s" % s["speed"])
     print("plots:", outdir)
     if a.json:
         json.dump({"seconds": seconds, "build": a.build, "summary": s, "cases": results},
                   open(a.json, "w"), indent=1)
+
+
+def speed(results, seconds, wall, jobs):
+    """The suite's pace: scored virtual seconds of the cases that ran, per second of wall time
+    (set-up, presets and reference sweeps included in the wall time)."""
+    ran = sum(1 for r in results if "trigger_frame" in r.get("daemon", {}))
+    return {"cases": ran, "virtual_s_per_case": seconds, "wall_s": round(wall, 1), "jobs": jobs,
+            "virtual_per_wall": round(ran * seconds / wall, 1) if wall > 0 else None}
+
+
+def run_all(a, cases, port, stride, show, run):
+    """run(case, port) for every case, a.jobs at a time: each case on its own block of `stride`
+    ports and in its own sandboxes, which are deleted when it ends (unless --keep). show(result)
+    runs in the order of the cases, as soon as a case and all before it are done. Returns the
+    results in that order; a case that fails gives a result with its error and the rest go on."""
+    def one(item):
+        i, c = item
+        try:
+            return run(c, port + stride * i)
+        except Exception as e:
+            return {"case": c[0], "scenario": c[1], "error": f"{type(e).__name__}: {e}"}
+        finally:
+            if not a.keep:
+                remove_sandboxes()
+
+    results = []
+    with concurrent.futures.ThreadPoolExecutor(max_workers=max(1, a.jobs)) as pool:
+        for r in pool.map(one, enumerate(cases)):
+            results.append(r)
+            show(r)
+            sys.stdout.flush()
+    return results
 
 
 def run_track_suite(a, cases, port, outdir):
@@ -1063,18 +1114,20 @@ def run_track_suite(a, cases, port, outdir):
           f"{'e/dof':>6} {'bg/dof':>6} {'refoc':>6} | {'start':>5} {'ftf':>6} {'e/dof':>6} "
           f"{'bg/dof':>6} {'refoc':>6} | on subject (off/on)")
     print(f"{'':<43}| {'assist off':<35}| {'assist on':<35}|")
-    results = []
-    for name, base, ov in cases:
+    def both(case, port):
+        name, base, ov = case
         row = {"case": name}
-        for assist in ("off", "on"):
+        for k, assist in enumerate(("off", "on")):
             try:
-                r = run_case(a.build, (f"{name}-assist-{assist}", base, dict(ov, assist=assist)),
-                             seconds, port, outdir, a.mode)
-            except Exception as e:  # report and go on with the next case
-                r = {"case": name, "error": f"{type(e).__name__}: {e}"}
-            port += 12
-            row[assist] = r
-        results.append(row)
+                row[assist] = run_case(a.build, (f"{name}-assist-{assist}", base,
+                                                 dict(ov, assist=assist)),
+                                       seconds, port + 12 * k, outdir, a.mode)
+            except Exception as e:  # report and go on with the other one
+                row[assist] = {"case": name, "error": f"{type(e).__name__}: {e}"}
+        return row
+
+    def print_track_row(row):
+        name = row["case"]
         ref = row["off"].get("reference", {})
 
         def cols(r):
@@ -1095,7 +1148,8 @@ def run_track_suite(a, cases, port, outdir):
               f"{fmt(ref.get('depth_of_focus'), '.1f'):>5} | {cols(row['off'])} | "
               f"{cols(row['on'])} | {on_subject(row['off'])}/{on_subject(row['on'])}  "
               f"{'; '.join(e for e in errs if e)}")
-        sys.stdout.flush()
+
+    results = run_all(a, cases, port, 24, print_track_row, both)
     s = {}
     for assist in ("off", "on"):
         s[assist] = summary([row[assist] for row in results])
@@ -1109,15 +1163,8 @@ def run_track_suite(a, cases, port, outdir):
 def run_scene_suite(a, cases, port, outdir):
     print(f"{'case':<20} {'zoom':>5} {'target':>7} {'first':>6} {'end_s':>6} {'refoc':>6} "
           f"{'err':>7} {'e/dof':>6} {'srch':>5} {'wobl':>5} {'s/10min':>7}")
-    results = []
-    for c in cases:
-        try:
-            r = run_scene_case(a.build, c, a.seconds, port, outdir, a.mode)
-        except Exception as e:  # report and go on with the next case
-            r = {"case": c[0], "scenario": c[1], "error": f"{type(e).__name__}: {e}"}
-        port += 12
-        results.append(r)
-        print_scene_row(r)
+    results = run_all(a, cases, port, 12, print_scene_row,
+                      lambda c, p: run_scene_case(a.build, c, a.seconds, p, outdir, a.mode))
     sc = [r.get("scene", {}) for r in results]
     refoc = [s["refocus_frames"] for s in sc if "change_end_s" in s]
     s = {"cases": len(results),

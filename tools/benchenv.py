@@ -2,8 +2,10 @@
 the virtual clock, vcam's telemetry, and the depth of focus of vcam's optics."""
 import json
 import os
+import shutil
 import struct
 import tempfile
+import threading
 
 
 def half_width(zoom, iris=1023.0, iris_open=1023.0):
@@ -32,16 +34,31 @@ def rows(path):
     return out
 
 
+_made = threading.local()
+
+
 def make_sandbox(prefix):
     """A fresh file root with run/ and a calibrated unit: the reference-point curve file holds
     the unit's wide-end focus at the reference distance (the nominal lens: the scenarios have no
-    unit deviation unless they say)."""
+    unit deviation unless they say). The calling thread's sandboxes are listed for
+    remove_sandboxes()."""
     sb = tempfile.mkdtemp(prefix=prefix)
+    if not hasattr(_made, "dirs"):
+        _made.dirs = []
+    _made.dirs.append(sb)
     os.makedirs(os.path.join(sb, "run"))
     os.makedirs(os.path.join(sb, "data"))
     with open(os.path.join(sb, "data/curve.dat"), "wb") as f:
         f.write(struct.pack("<209H", *([6019] + [0] * 207 + [0xAA55])))
     return sb
+
+
+def remove_sandboxes():
+    """Deletes every sandbox this thread made since the last call (a case's telemetry runs to
+    tens of megabytes: a suite left behind fills /tmp)."""
+    for sb in getattr(_made, "dirs", []):
+        shutil.rmtree(sb, ignore_errors=True)
+    _made.dirs = []
 
 
 def sandbox_env(sb, port, extra=None):

@@ -12,6 +12,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -60,6 +61,35 @@ void fail(const char* what, std::size_t a, std::size_t b) {
     std::abort();
 }
 
+// libFuzzer's timer signal can interrupt this side's calls: those are retried (an interrupted
+// connect goes on in the background, so it is waited for), and only a real failure counts.
+bool connect_to(int fd, const sockaddr_in& a) {
+    if (connect(fd, reinterpret_cast<const sockaddr*>(&a), sizeof a) == 0)
+        return true;
+    if (errno != EINTR)
+        return false;
+    pollfd p{fd, POLLOUT, 0};
+    while (poll(&p, 1, 5000) < 0 && errno == EINTR) {
+    }
+    int err = 0;
+    socklen_t len = sizeof err;
+    return getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len) == 0 && err == 0 &&
+           (p.revents & POLLOUT) != 0;
+}
+
+bool send_all(int fd, const uint8_t* data, std::size_t size) {
+    while (size > 0) {
+        const ssize_t n = send(fd, data, size, MSG_NOSIGNAL);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return false;
+        data += n;
+        size -= static_cast<std::size_t>(n);
+    }
+    return true;
+}
+
 uint32_t u32(const uint8_t* p) {
     return static_cast<uint32_t>(p[0] | (p[1] << 8) | (p[2] << 16) | (p[3] << 24));
 }
@@ -78,9 +108,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     a.sin_family = AF_INET;
     a.sin_port = htons(tuning_server_port());
     a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0)
+    if (!connect_to(fd, a))
         fail("connect", errno, 0);
-    if (size > 0 && send(fd, data, size, MSG_NOSIGNAL) != static_cast<ssize_t>(size))
+    if (!send_all(fd, data, size))
         fail("send", size, 0);
     shutdown(fd, SHUT_WR);
 
@@ -97,6 +127,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
             continue;
         }
         const ssize_t n = recv(fd, buf, sizeof buf, 0);
+        if (n < 0 && errno == EINTR)
+            continue;
         if (n <= 0)
             break;
         in.insert(in.end(), buf, buf + n);
