@@ -272,12 +272,24 @@ def vcam_alone(build, text, extra, frames, port):
     return rows(tele)
 
 
+_infinity = {}
+_infinity_lock = threading.Lock()
+
+
 def infinity_focus(build, zoom, port):
-    """In-focus position of an object at infinity (1 km) at this zoom, from vcam's optics."""
+    """In-focus position of an object at infinity (1 km) at this zoom, from vcam's optics; asked
+    once per build and zoom (most cases share their zoom)."""
+    with _infinity_lock:
+        if (build, zoom) in _infinity:
+            return _infinity[(build, zoom)]
     text = ("subject: far\nlens: {zoom: %d, focus: 3000}\nscene:\n  objects:\n"
             "    - {name: far, rect: [0, 0, 1, 1], distance: 1000000, texture: 1000}\n" % zoom)
     r = vcam_alone(build, text, [], 1, port)
-    return r[0].get("subject_focus") if r else None
+    focus = r[0].get("subject_focus") if r else None
+    if focus is not None:
+        with _infinity_lock:
+            _infinity[(build, zoom)] = focus
+    return focus
 
 
 def latency_of(text):
