@@ -230,14 +230,7 @@ class Run:
                 for n in sorted(os.listdir(d)) if not n.endswith(".tmp")}
 
     def close(self, keep):
-        for p in (getattr(self, "afd", None), self.vcam):
-            if p is not None and p.poll() is None:
-                p.send_signal(signal.SIGTERM)
-                try:
-                    p.wait(timeout=10)
-                except subprocess.TimeoutExpired:
-                    p.kill()
-                    p.wait()
+        benchenv.stop_processes([self.vcam, getattr(self, "afd", None)])
         if not keep:
             shutil.rmtree(self.sb, ignore_errors=True)
 

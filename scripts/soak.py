@@ -21,7 +21,6 @@ import argparse
 import json
 import os
 import shutil
-import signal
 import struct
 import subprocess
 import sys
@@ -29,7 +28,7 @@ import time
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 sys.path.insert(0, os.path.join(ROOT, "tools"))
-from benchenv import make_sandbox, sandbox_env  # noqa: E402
+from benchenv import make_sandbox, sandbox_env, stop_processes  # noqa: E402
 
 SAMPLE_S = 600          # virtual seconds between samples
 ZOOM_EVERY_S = 420      # a zoom every 7 virtual minutes
@@ -184,13 +183,7 @@ def main():
                       "dbg_log": size(os.path.join(sb, "dev/af_dbg.log")), "stdout": size(afd_out)})
             samples.append(s)
     finally:
-        for p in (afd, vcam):
-            if p.poll() is None:
-                p.send_signal(signal.SIGTERM)
-                try:
-                    p.wait(timeout=20)
-                except subprocess.TimeoutExpired:
-                    p.kill()
+        stop_processes([vcam, afd], grace=20)
         wall = time.time() - started
     act = []
     if os.path.exists(activity):

@@ -221,14 +221,7 @@ def vcam_args(case_ov):
 
 
 def stop(procs):
-    for p in reversed(procs):
-        if p.poll() is None:
-            p.send_signal(signal.SIGTERM)
-            try:
-                p.wait(timeout=10)
-            except subprocess.TimeoutExpired:
-                p.kill()
-                p.wait()
+    benchenv.stop_processes(procs)
 
 
 def vcam_alone(build, text, extra, frames, port):

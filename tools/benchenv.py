@@ -3,7 +3,9 @@ the virtual clock, vcam's telemetry, and the depth of focus of vcam's optics."""
 import json
 import os
 import shutil
+import signal
 import struct
+import subprocess
 import tempfile
 import threading
 
@@ -75,3 +77,16 @@ def sandbox_env(sb, port, extra=None):
     })
     env.update(extra or {})
     return env
+
+
+def stop_processes(procs, grace=10):
+    """Stops the processes last-started first: SIGTERM, then SIGKILL after `grace` seconds (the
+    daemon saves its data files on SIGTERM, so it gets the time to)."""
+    for p in reversed([p for p in procs if p is not None]):
+        if p.poll() is None:
+            p.send_signal(signal.SIGTERM)
+            try:
+                p.wait(timeout=grace)
+            except subprocess.TimeoutExpired:
+                p.kill()
+                p.wait()

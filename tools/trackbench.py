@@ -27,7 +27,7 @@ import subprocess
 import sys
 import time
 
-from benchenv import half_width, make_sandbox, rows, sandbox_env
+from benchenv import half_width, make_sandbox, rows, sandbox_env, stop_processes
 
 VCAM_ARGS = os.environ.get("VCAM_ARGS", "").split()
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
@@ -103,12 +103,7 @@ class Rig:
         return False
 
     def stop(self):
-        for p in reversed(self.procs):
-            p.send_signal(signal.SIGTERM)
-            try:
-                p.wait(timeout=10)
-            except subprocess.TimeoutExpired:
-                p.kill()
+        stop_processes(self.procs)
         self.procs = []
 
     def cleanup(self):
