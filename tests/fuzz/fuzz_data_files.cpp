@@ -22,6 +22,7 @@
 #include "platform/sim/virtual_clock.h"
 #include "store/lens_data.h"
 #include "store/offsets.h"
+#include "tests/fuzz/fuzz_root.h"
 #include "tracking/curves.h"
 
 namespace {
@@ -33,20 +34,7 @@ constexpr int kFileCount = sizeof kFiles / sizeof kFiles[0];
 constexpr uint16_t kTravelLimit = 6624;  // no count of either motor may exceed the zoom's range
 
 bool set_up() {
-    // tmpfs when there is one: the target writes a file per run.
-    char shm[] = "/dev/shm/afd-fuzz-data-XXXXXX";
-    char tmp[] = "/tmp/afd-fuzz-data-XXXXXX";
-    const char* root = mkdtemp(shm);
-    if (root == nullptr)
-        root = mkdtemp(tmp);
-    if (root == nullptr)
-        return false;
-    platform::set_file_root(root);
-    platform::select_clock(&g_clock);
-    dbg_set_syslog(false);
-    if (std::freopen("/dev/null", "w", stdout) == nullptr)
-        return false;
-    return true;
+    return fuzzsupport::quiet_file_root("data", &g_clock);
 }
 
 void put_file(const char* abs_path, const uint8_t* data, std::size_t size) {

@@ -18,23 +18,14 @@
 #include "platform/sim/virtual_clock.h"
 #include "store/ini_value.h"
 #include "store/lens_data.h"
+#include "tests/fuzz/fuzz_root.h"
 
 namespace {
 
 platform::VirtualClock g_clock;
 
 bool set_up() {
-    char shm[] = "/dev/shm/afd-fuzz-pins-XXXXXX";
-    char tmp[] = "/tmp/afd-fuzz-pins-XXXXXX";
-    const char* root = mkdtemp(shm);
-    if (root == nullptr)
-        root = mkdtemp(tmp);
-    if (root == nullptr)
-        return false;
-    platform::set_file_root(root);
-    platform::select_clock(&g_clock);
-    dbg_set_syslog(false);
-    return std::freopen("/dev/null", "w", stdout) != nullptr;
+    return fuzzsupport::quiet_file_root("pins", &g_clock);
 }
 
 }  // namespace

@@ -10,9 +10,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstddef>
-#include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
