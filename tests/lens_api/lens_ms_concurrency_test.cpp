@@ -105,7 +105,11 @@ TEST_F(Ms41908Concurrency, CommandThreadNeverSplitsTheMainThreadsRegisterGroups)
             while (!go)
                 std::this_thread::yield();
             for (int round = 0; round < 10; ++round) {
-                EXPECT_EQ(lens_motor_rehome(), 0);
+                // Its result is not checked: the frame loop below keeps moving the lens while
+                // the homing looks for the sensor edges, and on a loaded machine a move can land
+                // between a homing step and its sensor read and fail the homing. What matters
+                // here is the register groups both threads send.
+                (void)lens_motor_rehome();
                 for (uint16_t v = 0; v < 60; ++v) {
                     ms_iris_drive(static_cast<uint16_t>(300 + v + 60 * round));
                     ms_sensor_command(static_cast<uint8_t>(0x10 | (v & 1)));
