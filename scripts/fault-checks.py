@@ -421,6 +421,23 @@ def lens_param_file(run):
     return struct.unpack("<%dH" % (len(data) // 2), data)
 
 
+def thread_waits(pid):
+    """Where each of the daemon's threads waits in the kernel (wait channel, system call number):
+    tells a save stuck in fsync on a busy disk from one that never ran."""
+    out = []
+    try:
+        for tid in sorted(os.listdir(f"/proc/{pid}/task")):
+            try:
+                wchan = open(f"/proc/{pid}/task/{tid}/wchan").read().strip() or "-"
+                call = open(f"/proc/{pid}/task/{tid}/syscall").read().split()[0]
+            except OSError:
+                continue
+            out.append(f"{wchan}/{call}")
+    except OSError:
+        return "unknown"
+    return " ".join(out)
+
+
 def save_blocked(run, block, unblock, what):
     run.start_timeline()
     block()
@@ -444,7 +461,7 @@ def save_blocked(run, block, unblock, what):
     except CheckFailed as e:
         state = "its temporary file is written, not yet renamed" if os.path.exists(tmp) else \
             "no temporary file"
-        raise CheckFailed(f"{e} ({state})")
+        raise CheckFailed(f"{e} ({state}; daemon threads in: {thread_waits(run.afd.pid)})")
     rec = lens_param_file(run)
     if len(rec) != 100 or rec[99] != 0x55AA or rec[8] != 6624:
         raise CheckFailed("the lens parameter file is not whole after the save")
