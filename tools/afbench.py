@@ -695,9 +695,9 @@ def run_daemon(build, base, ov, extra, seconds, port, outdir, name, mode, callgr
             e = data[-1]["lens"]["focus"] - of_last[ti]
             res["final_error"], res["final_error_dof"] = round(e, 1), round(abs(e) / dof, 2)
             res["final_target"] = ov["end_target"]
-    if ov.get("background") in object_names(text):
+    if ov.get("background") in names:
         of = data[-1].get("object_focus") or []
-        i = object_names(text).index(ov["background"])
+        i = names.index(ov["background"])
         if i < len(of) and of[i] is not None:
             dof = half_width(data[-1]["lens"]["zoom"], data[-1]["lens"].get("iris", 1023))
             res["background_error_dof"] = round(abs(data[-1]["lens"]["focus"] - of[i]) / dof, 2)
@@ -1040,8 +1040,9 @@ def main():
                          "(k - 1) %% 3 frames later, so it meets the daemon's AF cadence at "
                          "another phase; 1 keeps the scenario's seed")
     ap.add_argument("--jobs", type=int, default=os.cpu_count() or 1,
-                    help="cases run at the same time (default: one per core); the figures do not "
-                         "depend on it, since every case runs on its own virtual clock")
+                    help="cases run at the same time (default: one per core); every case runs on "
+                         "its own virtual clock, so the figures vary no more than from one run "
+                         "to the next")
     ap.add_argument("--keep", action="store_true",
                     help="keep every case's sandbox (telemetry, logs) under /tmp")
     ap.add_argument("--json")
