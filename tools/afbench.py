@@ -131,6 +131,10 @@ SCENE = [
     ("depth-farther-fast", "scene_depth_farther_fast.yaml", {"offset": -15, "change_end": 8.3}),
     ("enter-and-stop", "scene_enter_stop.yaml",
      {"offset": 15, "change_end": 10.0, "target": "person"}),
+    # A small person far out of focus: the whole-picture zone stays with the wall that fills most
+    # of it, so the focus belongs on the wall (a check that the entry does not pull it away).
+    ("enter-small-far", "scene_enter_small.yaml",
+     {"offset": 15, "change_end": 10.0, "target": "wall"}),
     ("cross-and-leave", "scene_cross_leave.yaml", {"offset": 15, "change_end": 11.0}),
     ("pan-new-depth", "scene_pan_depth.yaml",
      {"offset": 15, "change_end": 9.5, "target": "facade",
