@@ -250,8 +250,12 @@ bool IspServer::send_frame(int fd, const std::atomic<bool>& stop) {
     if (!send_reply(fd, buf, sizeof buf, "Get_ISP_VD", ReplyClass::kFrame, stop))
         return false;
     ++stats_.frames;
-    if (want_truth)
+    if (want_truth) {
         tel_->write(truth);
+        // A reader follows the truth frame by frame (the benchmarks decide what to command next
+        // from it): no row may wait in the buffer.
+        tel_->flush();
+    }
     return true;
 }
 

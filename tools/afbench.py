@@ -416,13 +416,17 @@ def score(data, duration_us, static, fps):
 class IspGate:
     """A relay on the ISP link between afd and vcam that can hold the daemon's next statistics
     request. Held, the daemon waits for its frame and the virtual clock stands still, so a command
-    given meanwhile takes effect exactly on the next frame (the trigger)."""
+    given meanwhile takes effect exactly on the next frame (the trigger). Created held, and moved
+    on by step(), the daemon sees every command on a frame fixed by the frames it was given, not
+    by how long the benchmark took to send it: a case runs the same way every time."""
     SIZES = {1: STATS_BYTES, 2: 264, 4: 292}
 
-    def __init__(self, listen_port, vcam_port):
+    def __init__(self, listen_port, vcam_port, held=False):
         self.open = threading.Event()
-        self.open.set()
+        if not held:
+            self.open.set()
         self.waiting = threading.Event()
+        self.last_seq = -1  # sequence number of the last statistics frame relayed
         self.vcam_port = vcam_port
         self.srv = socket.socket()
         self.srv.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
@@ -470,14 +474,27 @@ class IspGate:
                     if n:
                         reply = self.read(up, n)
                         c.sendall(reply)
+                        if code[0] == 1:
+                            self.last_seq = struct.unpack_from("<I", reply)[0]
                         if code[0] == 1 and self.hold_at is not None and \
-                                struct.unpack_from("<I", reply)[0] >= self.hold_at:
+                                self.last_seq >= self.hold_at:
                             self.hold_at = None
                             self.open.clear()
             except (EOFError, OSError):
                 pass
             c.close()
             up.close()
+
+    def step(self, n, timeout=60):
+        """With the daemon held at its next frame: lets it take n more frames and holds it again
+        (returns once it asks for the frame after them)."""
+        if not self.waiting.wait(timeout):
+            raise RuntimeError("daemon stopped fetching frames")
+        self.hold_at = self.last_seq + n
+        self.waiting.clear()
+        self.open.set()
+        if not self.waiting.wait(timeout):
+            raise RuntimeError("daemon stopped fetching frames")
 
     def close(self):
         self.stopped = True
@@ -493,51 +510,52 @@ def afctl(build, env, *args):
     return r.stdout
 
 
-def wait_lens(tele, axis, target, tol, rest=10, timeout=30):
-    """Waits until the true lens position on `axis` is within tol of target and unchanged for
-    `rest` frames; returns the last row."""
-    end = time.time() + timeout
-    while time.time() < end:
+# The set-up waits below move a held gate on by a few frames at a time and look at vcam's truth in
+# between, so the daemon gets the next command on a frame that does not depend on wall time.
+STEP_FRAMES = 3
+
+
+def stepped_rows(gate, tele, rest):
+    """Moves the held daemon on by STEP_FRAMES frames; the last `rest` truth rows once vcam has
+    written the row of the last frame it served."""
+    gate.step(STEP_FRAMES)
+    for _ in range(2000):
         data = rows_tail(tele, rest)
+        if data and data[-1]["frame"] >= gate.last_seq:
+            return data
+        time.sleep(0.001)
+    raise RuntimeError("vcam did not write the truth of frame %d (last row: %s)" % (
+        gate.last_seq, rows_tail(tele, 1)[-1:] and rows_tail(tele, 1)[-1]["frame"]))
+
+
+def wait_lens(gate, tele, axis, target, tol, rest=10, frames=3000):
+    """Moves the daemon on until the true lens position on `axis` is within tol of target and
+    unchanged for `rest` frames; returns the last row."""
+    for _ in range(0, frames, STEP_FRAMES):
+        data = stepped_rows(gate, tele, rest)
         if len(data) == rest and all(abs(r["lens"][axis] - target) <= tol and
                                      r["lens"][axis] == data[-1]["lens"][axis] for r in data):
             return data[-1]
-        time.sleep(0.01)
     raise RuntimeError("lens %s never reached %s" % (axis, target))
 
 
-def wait_focus_rest(tele, rest, timeout=30):
-    """Waits until the true focus has not moved for `rest` frames."""
-    end = time.time() + timeout
-    while time.time() < end:
-        data = rows_tail(tele, rest)
+def wait_focus_rest(gate, tele, rest, frames=3000):
+    """Moves the daemon on until the true focus has not moved for `rest` frames."""
+    for _ in range(0, frames, STEP_FRAMES):
+        data = stepped_rows(gate, tele, rest)
         if len(data) == rest and all(r["lens"]["focus"] == data[-1]["lens"]["focus"]
                                      for r in data):
             return
-        time.sleep(0.01)
     raise RuntimeError("the focus never came to rest")
-
-
-def wait_frames(tele, n, timeout=30):
-    """Waits until vcam has served n more frames (virtual time, not wall time, is what the daemon
-    needs to act on a command)."""
-    first = rows_tail(tele, 1)
-    f0 = first[-1]["frame"] if first else 0
-    end = time.time() + timeout
-    while time.time() < end:
-        last = rows_tail(tele, 1)
-        if last and last[-1]["frame"] >= f0 + n:
-            return
-        time.sleep(0.005)
-    raise RuntimeError(f"vcam served fewer than {n} frames in {timeout} s")
 
 
 def rows_tail(path, n):
     try:
         with open(path, "rb") as f:
             f.seek(0, 2)
-            f.seek(max(0, f.tell() - 4096 * (n + 2)))
-            lines = f.read().split(b"\n")[1:-1]
+            at = max(0, f.tell() - 4096 * (n + 2))
+            f.seek(at)
+            lines = f.read().split(b"\n")[(1 if at else 0):-1]  # the first may be cut
     except FileNotFoundError:
         return []
     out = []
@@ -562,7 +580,7 @@ def run_daemon(build, base, ov, extra, seconds, port, outdir, name, mode, callgr
     tele = os.path.join(sb, "run/telemetry.jsonl")
     procs = []
     wall = time.time()
-    gate = IspGate(port, port + 4)
+    gate = IspGate(port, port + 4, held=True)
     res = {"wall_s": 0}
     trigger = None
     try:
@@ -588,10 +606,7 @@ def run_daemon(build, base, ov, extra, seconds, port, outdir, name, mode, callgr
                               env=env, capture_output=True).returncode == 0:
                 break
             time.sleep(0.02)
-        for _ in range(600):  # the daemon's lens initialisation ends, frames flow
-            if len(rows_tail(tele, 5)) == 5:
-                break
-            time.sleep(0.01)
+        stepped_rows(gate, tele, 1)  # the daemon's lens initialisation has ended: frames flow
         # The commanded start, as a preset recall with the autofocus on (switching it off and on
         # again would first drive the focus back to its last autofocus position): a tracked zoom,
         # whose search ends focused, then a zoom-then-focus preset to the start at the same zoom.
@@ -599,17 +614,17 @@ def run_daemon(build, base, ov, extra, seconds, port, outdir, name, mode, callgr
         # focused watch would see the preset defocus the picture and search before the trigger.
         # No zoom steps, no refocus request: the autofocus stays in its focused state there.
         afctl(build, env, "zoom", "--to", str(zoom), "--speed", "7")
-        wait_lens(tele, "zoom", zoom, 60)  # the zoom stops within a few steps
-        wait_focus_rest(tele, 20)
+        wait_lens(gate, tele, "zoom", zoom, 60)  # the zoom stops within a few steps
+        wait_focus_rest(gate, tele, 20)
         afctl(build, env, "af", "--mode", "once")  # one more search, then hold
-        wait_frames(tele, 30)  # the search starts on the daemon's next AF frame: let it begin
-        wait_focus_rest(tele, 40)
+        gate.step(30)  # the search starts on the daemon's next AF frame: let it begin
+        wait_focus_rest(gate, tele, 40)
         pos = json.loads(afctl(build, env, "--json", "positions"))
         afctl(build, env, "zoom", "--to", str(pos["zoom"]), "--focus", str(start), "--speed", "7")
         try:
-            wait_lens(tele, "focus", start, 4, timeout=8)
+            wait_lens(gate, tele, "focus", start, 4, frames=240)
         except RuntimeError:  # the focus range may end before the commanded start
-            wait_lens(tele, "focus", start, 400)
+            wait_lens(gate, tele, "focus", start, 400)
         # hold the clock, switch autofocus on, release: the next frame is the trigger
         gate.open.clear()
         if not gate.waiting.wait(30):
@@ -634,27 +649,32 @@ def run_daemon(build, base, ov, extra, seconds, port, outdir, name, mode, callgr
         if mode != "once":
             afctl(build, env, "af", "--mode", mode)
         vcam.send_signal(signal.SIGUSR1)  # the scenario's timeline starts with the next frame
+        time.sleep(0.02)  # (vcam takes the signal before the held daemon's next frame)
         fps = ov.get("fps") or fps_of(text)
         actions = sorted(ov.get("actions", []))
         first_frame = last["frame"]  # the actions' times count from here
-        if actions:
-            gate.hold_at = first_frame + round(actions[0][0] * fps)
+        # The daemon is held again at each action and at the end, after the frame that completes
+        # `seconds` after the trigger: every run scores the same frames.
+        end_seq = trigger + int(seconds * 1e6 / period_of(last)) + 1
+
+        def next_hold():
+            return first_frame + round(actions[0][0] * fps) if actions else end_seq
+
+        gate.hold_at = next_hold()
         gate.waiting.clear()
         gate.open.set()
         deadline = time.time() + max(120, seconds * 4)
         while time.time() < deadline:
-            if actions and gate.waiting.is_set():
+            if gate.waiting.is_set():
+                if not actions:
+                    break
                 afctl(build, env, *actions.pop(0)[1])
-                if actions:
-                    gate.hold_at = first_frame + round(actions[0][0] * fps)
+                gate.hold_at = next_hold()
                 gate.waiting.clear()
                 gate.open.set()
-            last = rows_tail(tele, 1)
-            if last and last[-1]["exposure"] - trigger > seconds * 1e6 / period_of(last[-1]):
-                break
             if any(p.poll() is not None for p in procs):
                 break
-            time.sleep(0.01)
+            time.sleep(0.005)
         if callgrind:
             gate.open.clear()  # the daemon waits for its next frame while the counts are written
             gate.waiting.wait(30)
@@ -912,7 +932,7 @@ def score_scene(data, text, ov):
     return out
 
 
-def run_scene_case(build, case, seconds, port, outdir, mode):
+def run_scene_case(build, case, seconds, port, outdir, mode, callgrind=None):
     name, base, ov = case
     ov = dict(ov)
     extra = vcam_args(ov)
@@ -924,9 +944,11 @@ def run_scene_case(build, case, seconds, port, outdir, mode):
         return res
     ov["start"] = int(round(max(0, min(FOCUS_MAX, sf0 + ov.get("offset", 0)))))
     secs = seconds or ov.get("seconds", SCENE_SECONDS)
-    d, tele = run_daemon(build, base, ov, extra, secs, port, outdir, name, mode)
-    res["daemon"] = {k: d[k] for k in ("wall_s", "error", "note", "plot", "start", "start_zoom")
-                     if k in d}
+    d, tele = run_daemon(build, base, ov, extra, secs, port, outdir, name, mode,
+                         os.path.join(callgrind, name.replace("/", "-") + ".callgrind")
+                         if callgrind else None)
+    res["daemon"] = {k: d[k] for k in ("wall_s", "error", "note", "plot", "start", "start_zoom",
+                                       "cpu") if k in d}
     if "trigger_frame" not in d:
         return res
     t0 = None
@@ -952,7 +974,21 @@ def print_scene_row(r):
           f"{fmt(sc.get('final_error_dof')):>6} {fmt(sc.get('searches')):>5} "
           f"{fmt(sc.get('wobbles')):>5} {fmt(sc.get('searches_per_10min')):>7}  "
           f"{r.get('error') or d.get('error') or d.get('note') or ''}")
+    print_cpu(d)
     sys.stdout.flush()
+
+
+def print_cpu(d):
+    cpu = d.get("cpu")
+    if cpu:
+        print("    callgrind, instructions per call: frame loop %s (%s frames), AfFrame %s (%s), "
+              "statistics fetch %s (%s), SampleFrame %s (%s), FocusWatch %s (%s), scene_step %s "
+              "(%s); heap calls %s" % tuple(
+                  cpu.get(k) for k in ("frame_ir_per_call", "frame_calls", "af_frame_ir_per_call",
+                                       "af_frame_calls", "fetch_ir_per_call", "fetch_calls",
+                                       "sample_ir_per_call", "sample_calls", "watch_ir_per_call",
+                                       "watch_calls", "scene_ir_per_call", "scene_calls",
+                                       "heap_calls")))
 
 
 def fmt(v, how=""):
@@ -974,16 +1010,7 @@ def print_row(r):
           f"{fmt(sw.get('error_dof')):>6} {fmt(d.get('travel')):>6} {fmt(d.get('reversals')):>4} "
           f"{fmt(d.get('false_refocus_per_min')):>6} {fmt('never' if refoc is None else refoc):>6}  "
           f"{r.get('error') or ref.get('error') or d.get('error') or d.get('note') or ''}")
-    cpu = d.get("cpu")
-    if cpu:
-        print("    callgrind, instructions per call: frame loop %s (%s frames), AfFrame %s (%s), "
-              "statistics fetch %s (%s), SampleFrame %s (%s), FocusWatch %s (%s), scene_step %s "
-              "(%s); heap calls %s" % tuple(
-                  cpu.get(k) for k in ("frame_ir_per_call", "frame_calls", "af_frame_ir_per_call",
-                                       "af_frame_calls", "fetch_ir_per_call", "fetch_calls",
-                                       "sample_ir_per_call", "sample_calls", "watch_ir_per_call",
-                                       "watch_calls", "scene_ir_per_call", "scene_calls",
-                                       "heap_calls")))
+    print_cpu(d)
     sys.stdout.flush()
 
 
@@ -1189,7 +1216,8 @@ def run_scene_suite(a, cases, port, outdir):
     print(f"{'case':<20} {'zoom':>5} {'target':>7} {'first':>6} {'end_s':>6} {'refoc':>6} "
           f"{'err':>7} {'e/dof':>6} {'srch':>5} {'wobl':>5} {'s/10min':>7}")
     results = run_all(a, cases, port, 12, print_scene_row,
-                      lambda c, p: run_scene_case(a.build, c, a.seconds, p, outdir, a.mode))
+                      lambda c, p: run_scene_case(a.build, c, a.seconds, p, outdir, a.mode,
+                                                  a.callgrind))
     sc = [r.get("scene", {}) for r in results]
     refoc = [s["refocus_frames"] for s in sc if "change_end_s" in s]
     s = {"cases": len(results),
