@@ -758,9 +758,9 @@ def callgrind_costs(path):
     calls, ir = {}, {}
     pending = 0
     for line in out.splitlines():
-        m = re.match(r"\s*([\d,]+) \([^)]*\)\s+<.*\((\d+)x\)", line)
-        if m:
-            pending += int(m.group(2))
+        m = re.match(r"\s*([\d,]+) \([^)]*\)\s+<.*\(([\d,]+)x\)", line)
+        if m:  # (counts of a thousand and more are printed with commas)
+            pending += int(m.group(2).replace(",", ""))
             continue
         m = re.match(r"\s*([\d,]+) \([^)]*\)\s+\*\s+\S*?:(.*?)( \[.*)?$", line)
         if m:  # an inlined part shows again under its header's name: keep the largest entry
