@@ -478,10 +478,9 @@ class IspGate:
                         c.sendall(reply)
                         if code[0] == 1:
                             self.last_seq = struct.unpack_from("<I", reply)[0]
-                        if code[0] == 1 and self.hold_at is not None and \
-                                self.last_seq >= self.hold_at:
-                            self.hold_at = None
-                            self.open.clear()
+                            if self.hold_at is not None and self.last_seq >= self.hold_at:
+                                self.hold_at = None
+                                self.open.clear()
             except (EOFError, OSError):
                 pass
             c.close()
