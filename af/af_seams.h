@@ -80,6 +80,9 @@ void unlocked_region_check();
 void locked_region_check();
 void start_region_search();
 void region_search(uint8_t run);
+// Enters phase 8 from where the lens is: remembers the phase and direction to give back,
+// prepares the zone and resets the search.
+void enter_region_search();
 // Decides the end of a final approach in the block path: ends the search focused, or narrows
 // the zone to the centre and starts again.
 void confirm_centre_region();

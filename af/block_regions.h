@@ -50,9 +50,6 @@ extern RegionCheckState g_regionCheck;
 
 // 1 when the block's sharpness rose over the last depth + 2 frames, 2 when it fell, else 0.
 uint8_t block_trend(uint8_t row, uint8_t col, uint8_t depth);
-// The region mask the tracker's device reports for the tracked object (tracking-region focus
-// hands it in; nullptr: none).
-void region_checks_set_track_mask(const uint8_t* mask225, uint8_t device_state);
 
 // ---- Region search ----
 struct RegionSearchState {
@@ -89,8 +86,5 @@ extern RegionSearchState g_regionSearch;
 void classify_region_blocks();
 void build_region_mask();
 uint32_t region_mean(const uint8_t* region, const uint32_t* grid);
-// Enters phase 8 from where the lens is: remembers the phase and direction to give back,
-// prepares the zone and resets the search.
-void enter_region_search();
 
 void block_regions_reset_for_testing();

@@ -116,11 +116,10 @@ void restart_search() {
     g_watch.motionHint = 0;
 }
 
-// The region search takes over from a lens already driven to the distance's position.
+// The region search takes over from a lens already driven to the distance's position; it keeps
+// the phase and direction of this moment to give back when it hands over, and its restarts.
 void hand_to_region_search() {
-    g_search.searchPhase = 8;
-    start_region_search();
-    region_search(0);
+    enter_region_search();
 }
 
 // The distance moved by more than the margin since the search start: 0 the lens still fits (it

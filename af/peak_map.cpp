@@ -178,16 +178,18 @@ void low_light_update() {
             if (g_peakMap.bright[b] == 0 && h[b] > kBright)
                 g_peakMap.bright[b] = 1;
         }
-    if (positions_monotonic()) {
-        for (int r = w.firstRow; r < w.endRow; ++r)
-            for (int c = w.firstCol; c < w.endCol; ++c) {
-                const int b = r * kGridCols + c;
-                if (window_excluded(r, c) || g_peakMap.done[b] == 1 || g_peakMap.bright[b] == 0 ||
-                    g_focusValue.gridHist[0][b] <= 49)
-                    continue;
-                judge_low_light_block(b);
-            }
-    }
+    // Block curves say something about the side of their peak only while the lens moved one way
+    // over all five frames; after a turn nothing but the bright mask changes.
+    if (!positions_monotonic())
+        return;
+    for (int r = w.firstRow; r < w.endRow; ++r)
+        for (int c = w.firstCol; c < w.endCol; ++c) {
+            const int b = r * kGridCols + c;
+            if (window_excluded(r, c) || g_peakMap.done[b] == 1 || g_peakMap.bright[b] == 0 ||
+                g_focusValue.gridHist[0][b] <= 49)
+                continue;
+            judge_low_light_block(b);
+        }
     // A subject's edge blocks often trail its middle by a frame: a neighbour of a "peak below"
     // block that leans the same way joins it.
     uint8_t scratch[kGridBlocks] = {};
@@ -261,5 +263,4 @@ void block_regions_reset_for_testing() {
     g_peakMap = PeakMapState{};
     g_regionCheck = RegionCheckState{};
     g_regionSearch = RegionSearchState{};
-    region_checks_set_track_mask(nullptr, 0);
 }

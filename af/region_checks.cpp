@@ -23,9 +23,6 @@ RegionCheckState g_regionCheck;
 
 namespace {
 
-const uint8_t* g_trackMask = nullptr;
-uint8_t g_trackDeviceState = 0;
-
 inline uint32_t absdiff(uint32_t a, uint32_t b) {
     return a > b ? a - b : b - a;
 }
@@ -191,11 +188,6 @@ uint8_t block_trend(uint8_t row, uint8_t col, uint8_t depth) {
     return 0;
 }
 
-void region_checks_set_track_mask(const uint8_t* mask, uint8_t device_state) {
-    g_trackMask = mask;
-    g_trackDeviceState = device_state;
-}
-
 void unlocked_region_check() {
     if (!preconditions())
         return;
@@ -226,6 +218,7 @@ void unlocked_region_check() {
     g_seams.trackLock = 1;
     g_search.searchDir = 1;
     g_seams.dirHold = 1;
+    g_windowAverage = 0;  // the region's own blocks measure now, not the plain window average
     if (g_search.searchPhase == 3 && positions_monotonic(5) && fv_peaked())
         g_search.searchPhase = 4;
     else if (g_search.searchPhase == 4)
@@ -302,8 +295,9 @@ void locked_region_check() {
         const uint32_t* fv = g_focusValue.fvHist;
         if (fv[0] > fv[1] && fv[1] > fv[2] && fv[2] > fv[3] && fv[3] > fv[4])
             return;  // still climbing: the region may fill in
-        if (get_tracking_on() != 0 && g_trackMask != nullptr && g_trackDeviceState == 2) {
-            region = g_trackMask;
+        if (tracking_region_search_active()) {
+            // The tracker still follows its box: its blocks hold the subject in the region's place.
+            region = g_track.region;
             ++g_seams.regionCollapseCount;
         } else {
             give_up_region();

@@ -143,22 +143,22 @@ void hand_back(uint32_t level) {
 
 void round_end(uint32_t a, uint32_t b, uint32_t c) {
     const uint32_t level = a + b + c - 150;
-    if (g_afState != 2) {
-        if (a < kUsable && b < kUsable && c < kUsable) {
-            hand_back(level);
-        } else if (level / 2 < S.prevLevel) {
-            if (S.retries > 0)
-                --S.retries;
-            if (S.retries > 0) {
-                g_focusZone.reset_block_mask();
-                g_focusZone.clear_window_mask();
-                SelectSearchZone();
-                SnapshotReference();
-                g_afState = 1;
-                g_search.searchPhase = 8;
-                region_search(0);
-                return;
-            }
+    // Also after a round that finished focused: a region that went dark, or whose level fell by
+    // a third, was not the subject.
+    if (a < kUsable && b < kUsable && c < kUsable) {
+        hand_back(level);
+    } else if (level / 2 < S.prevLevel) {
+        if (S.retries > 0)
+            --S.retries;
+        if (S.retries > 0) {
+            g_focusZone.reset_block_mask();
+            g_focusZone.clear_window_mask();
+            SelectSearchZone();
+            SnapshotReference();
+            g_afState = 1;
+            g_search.searchPhase = 8;
+            region_search(0);  // the fresh search still compares with this round's level
+        } else {
             hand_back(level);
         }
     }

@@ -2,11 +2,13 @@
 // zone itself (only a restart at the same zoom does): the search start chooses it here from the
 // picture as it is now, so that a zone narrowed during the last search (to a centre, a retry
 // window, the windows of an end return) is not carried into a search of a different picture.
+#include <algorithm>
 #include <cstring>
 
 #include "af/af_seams.h"
 #include "af/af_state.h"
 #include "af/distance_assist.h"
+#include "af/focus_watch.h"
 #include "af/focus_zone.h"
 #include "af/highlight_scene.h"
 #include "base/af_status.h"
@@ -136,6 +138,29 @@ void PrepareWatch() {
     const uint16_t p = af_focus();
     if (p < g_search.lowerBound || p > g_search.upperBound)
         return;
+    // A refocus the watch asked for: when most of the windows watched here (the top-left 3 x 3)
+    // were sharp at the last focus and have lost more than half of it, with the rest dark then and
+    // now, the picture went soft as a whole and what stands out are its lights: the detail test
+    // would only see those, so it is switched off. A picture with little contrast anywhere, or an
+    // object that left it, turns it back on.
+    if (g_search.restartReason == 1 || g_search.restartReason == 2) {
+        static constexpr uint8_t kWatched[] = {0, 1, 2, 5, 6, 7, 10, 11, 12};
+        uint32_t now[kWindowCount];
+        af_stat_copy_window_sharpness(now);
+        uint32_t lost = 0;
+        uint32_t dark = 0;
+        uint32_t largest = 0;
+        for (uint8_t z : kWatched) {
+            const uint32_t then = g_watch.refWindows[z];
+            lost += then > 1200 && then > 2 * now[z] ? 1 : 0;
+            dark += then < 500 && now[z] < 500 ? 1 : 0;
+            largest = std::max(largest, now[z]);
+        }
+        if (lost > 5 && lost + dark > 7)
+            g_seams.detailTestOn = 0;
+        if (largest < 1500 || g_sceneResult.event == kObjectOut)
+            g_seams.detailTestOn = 1;
+    }
     // Whether the scene has detail outside its lights decides how the zone is chosen.
     g_pointLight.refocusCause = g_search.refocusCause;
     g_seams.pointLightZone = SceneHasDetail();

@@ -229,4 +229,32 @@ TEST_F(DistanceAssistTest, FocusAtTheWideEndTeachesTheCalibrationOffset) {
     EXPECT_EQ(get_calibration_offset(), 15) << "a search without a peak teaches nothing";
 }
 
+// After a zoom with a known distance the lens is driven to the distance's position and the region
+// search takes over; when it cannot decide it gives the search back as it was when it took over.
+TEST_F(DistanceAssistTest, JumpAfterAZoomHandsTheRegionSearchWhatItMustGiveBack) {
+    set_distance_assist_mode(1);
+    const uint16_t e = expected_focus(3000);
+    g_search.lowerBound = static_cast<uint16_t>(e - 300);
+    g_search.upperBound = static_cast<uint16_t>(e + 300);
+    feed({3000, 3000, 3000});
+    focus_at(static_cast<uint16_t>(e + 100));
+    afrules::raw_frame(1500, {}).fetch();
+    g_search.firstAfterZoom = 1;
+    g_search.searchPhase = 2;
+    g_afState = 1;
+    distance_start_jump();
+    EXPECT_EQ(lens_get_focus_pos(), e) << "driven to the distance's position";
+    ASSERT_EQ(g_search.searchPhase, 8u);
+    const uint32_t dir = g_search.searchDir;  // the drive's last direction
+    // Probes whose three captures read alike decide nothing; after the fourth the search is
+    // given back.
+    for (int round = 0; round < 4 && g_search.searchPhase == 8; ++round)
+        for (int k = 0; k < 5; ++k) {
+            afrules::raw_frame(1500, {}).fetch();
+            region_search(1);
+        }
+    EXPECT_EQ(g_search.searchPhase, 2u) << "the phase the search had";
+    EXPECT_EQ(g_search.searchDir, dir);
+}
+
 }  // namespace

@@ -239,4 +239,33 @@ TEST_F(HighlightSceneTest, FocusedOnLightsAnIrisChangeRestartsTwiceAtMost) {
     iris_reset_for_testing();
 }
 
+// A refocus the watch asked for, after the picture went soft around the lights: the detail test
+// is switched off while some window still stands out, and on again when nothing does or an
+// object has left.
+TEST_F(HighlightSceneTest, WatchRefocusOnASoftenedPictureSwitchesTheDetailTestOff) {
+    for (int z = 0; z < 25; ++z)
+        g_watch.refWindows[z] = 4000;
+    auto start = [](uint32_t reason, uint32_t window12) {
+        g_search.restartReason = reason;
+        g_seams.detailTestOn = 1;
+        StatFrame f;
+        f.all(300).window(12, window12);
+        f.fetch();
+        PrepareWatch();
+        return g_seams.detailTestOn;
+    };
+    EXPECT_EQ(start(2, 1800), 0) << "nine watched windows at less than half, one still bright";
+    EXPECT_EQ(g_seams.pointLightZone, 1) << "the test switched off answers detail";
+    EXPECT_EQ(start(1, 1800), 0);
+    EXPECT_EQ(start(0, 1800), 1) << "a zoom or a request restarted: not judged";
+    EXPECT_EQ(start(2, 1400), 1) << "nothing above 1500 any more: back on";
+    g_sceneResult.event = kObjectOut;
+    EXPECT_EQ(start(2, 1800), 1) << "an object left the picture: back on";
+    g_sceneResult.event = kObjectNon;
+    // Four of the nine windows kept most of their sharpness: fewer than six lost.
+    for (int z : {6, 7, 11, 12})
+        g_watch.refWindows[z] = 500;
+    EXPECT_EQ(start(2, 1800), 1);
+}
+
 }  // namespace

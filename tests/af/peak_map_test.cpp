@@ -1,6 +1,10 @@
 // Block peak map and the region checks built on it, on crafted block curves: what the daylight
 // and low-light updates record per block, and when the checks take, keep or give up a region.
+#include <cstring>
+
 #include "af/block_regions.h"
+#include "af/track_region.h"
+#include "base/frame_pacing.h"
 #include "tests/af/af_rules_fixture.h"
 
 namespace {
@@ -125,6 +129,13 @@ TEST_F(PeakMapTest, LowLightStateBelowSpreadsToNeighboursThatLeanTheSameWay) {
     curve(blk(5, 8), {1040, 1050, 1030, 1010, 1000});
     // Falling the same way is the wrong side.
     curve(blk(8, 7), {1000, 1010, 1030, 1050, 1040});
+    // With the lens turning back and forth no block joins a marked neighbour either.
+    g_peakMap.map[blk(7, 7)] = BlockPeak{kPeakBelow, 3990, 1000};
+    g_peakMap.bright[blk(7, 8)] = 1;
+    positions({3992, 3990, 3994, 3996, 3998});
+    update_peak_map(1);
+    EXPECT_EQ(at(7, 8).state, 0u) << "the lens turned";
+    positions({3990, 3992, 3994, 3996, 3998});
     update_peak_map(1);
     EXPECT_EQ(at(7, 8).state, 3u);
     EXPECT_EQ(at(5, 8).state, 0u) << "not beside a marked block";
@@ -189,6 +200,44 @@ TEST_F(RegionCheckTest, UnlockedCheckTakesAConnectedRegionAheadOfTheLens) {
     EXPECT_EQ(g_search.searchDir, 1u);
     EXPECT_EQ(g_seams.dirHold, 1);
     EXPECT_EQ(g_search.searchPhase, 3u) << "the region's value has not peaked";
+}
+
+TEST_F(RegionCheckTest, TakingARegionEndsTheWindowAverage) {
+    plus(7, 7);
+    g_windowAverage = 1;
+    unlocked_region_check();
+    ASSERT_EQ(g_seams.trackLock, 1);
+    EXPECT_EQ(g_windowAverage, 0) << "the region's blocks are measured, not the plain average";
+}
+
+TEST_F(RegionCheckTest, FallingApartDuringATrackedSearchTakesTheTrackersBlocks) {
+    plus(7, 7);
+    unlocked_region_check();
+    ASSERT_EQ(g_seams.trackLock, 1);
+    // The tracker's box covers rows 5..9 of columns 8..9.
+    std::memset(g_track.region, 0, sizeof g_track.region);
+    for (int r = 5; r <= 9; ++r)
+        for (int c = 8; c <= 9; ++c)
+            g_track.region[blk(r, c)] = 1;
+    set_tracking_on(1);
+    g_seams.triggerKind = 2;
+    for (int b = 0; b < 225; ++b)
+        g_peakMap.map[b] = BlockPeak{};
+    locked_region_check();
+    EXPECT_EQ(g_seams.trackLock, 1) << "not given up";
+    EXPECT_EQ(g_seams.regionCollapseCount, 1);
+    EXPECT_EQ(g_focusZone.blockMask[blk(6, 8)], 1);
+    EXPECT_EQ(g_focusZone.blockMask[blk(7, 7)], 0);
+    // Without a tracked search the same collapse gives the region up.
+    set_tracking_on(0);
+    plus(7, 7);
+    g_seams.regionCollapseCount = 0;
+    unlocked_region_check();
+    for (int b = 0; b < 225; ++b)
+        g_peakMap.map[b] = BlockPeak{};
+    locked_region_check();
+    EXPECT_EQ(g_seams.trackLock, 0);
+    g_seams.triggerKind = 0;
 }
 
 TEST_F(RegionCheckTest, UnlockedCheckEntersTheFinalApproachWhenTheRegionPeaked) {
