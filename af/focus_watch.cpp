@@ -569,6 +569,10 @@ void watch_set_reference_windows() {
     af_stat_copy_window_sharpness(g_watch.refWindows);
 }
 
+const uint8_t* watch_reference_block_mask() {
+    return g_reference.blockMask;
+}
+
 void watch_clear_reference_mask() {
     std::memset(g_watch.refBlockMask, 0, sizeof g_watch.refBlockMask);
     af_stat_copy_grid(StatGrid::kLuma, g_watch.startLuma);

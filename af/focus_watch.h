@@ -65,6 +65,8 @@ void watch_set_reference_windows();
 // At a search start: forget the subject blocks of the last reference, keep the luma to tell
 // whether the picture changes while the search runs.
 void watch_clear_reference_mask();
+// The subject blocks of the reference last handed to the scene analysis (kept across searches).
+const uint8_t* watch_reference_block_mask();
 
 // Replaces the reference capture, the scene decision and the reference-sharpness check (nullptr:
 // the scene analysis's own), so that the watch's rules can be driven without a scene (tests).

@@ -15,6 +15,7 @@
 #include "af/af_seams.h"
 #include "af/af_state.h"
 #include "af/distance_assist.h"
+#include "af/focus_watch.h"
 #include "af/focus_zone.h"
 #include "isp/af_stat.h"
 #include "isp/highlight.h"
@@ -493,10 +494,11 @@ void point_light_start_zone_low_light() {
             ++m;
         }
     g_seams.trackLock = 0;
-    // A search the scene analysis asked for keeps the subject's blocks of the last focus (the
-    // zone's blocks still); any other takes the sharp blocks around the subject.
-    if (g_pointLight.refocusCause != 2)
-        g_focusZone.copy_block_mask_in(M);
+    // A search the scene analysis asked for goes back to the subject's blocks of the last focus
+    // (the reference it judged the change against); any other takes the sharp blocks around the
+    // subject.
+    g_focusZone.copy_block_mask_in(g_pointLight.refocusCause == 2 ? watch_reference_block_mask()
+                                                                  : M);
     windows_of_blocks(g_focusZone.blockMask);
     if (m <= 2 || (af_zoom() >= 4987 && m < 5)) {
         Ranked order[kWindowCount];

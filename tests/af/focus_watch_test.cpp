@@ -9,6 +9,7 @@
 #include "af/focus_watch.h"
 #include "base/frame_pacing.h"
 #include "isp/isp_link.h"
+#include "af/highlight_scene.h"
 #include "tests/af/af_rules_fixture.h"
 #include "tracking/curves.h"
 
@@ -351,6 +352,37 @@ TEST_F(FocusWatchTest, RestartStartsCoarseWhenTheSubjectLostSharpnessOrNothingCh
     EXPECT_FALSE(with(5, 0));
     EXPECT_FALSE(with(6, 3));
     EXPECT_FALSE(with(0, 4));
+}
+
+// A search the scene analysis asks for in a night scene starts on the subject the watch handed it
+// as reference, not on whatever is sharp around the middle now.
+TEST_F(FocusWatchTest, SceneAskedNightSearchStartsOnTheReferencedSubject) {
+    select_only({12, 13});
+    refocused();
+    while (g_fakes.captures == 0 && g_fakes.frame < 40)
+        feed(picture(3000));
+    ASSERT_EQ(g_fakes.captures, 1);
+    set_low_light(true);
+    g_blockPath = 1;
+    auto start_zone = [](uint32_t cause) {
+        g_pointLight.refocusCause = cause;
+        g_focusZone.reset_block_mask();
+        PointLightStartZone();
+        std::vector<int> blocks;
+        for (int b = 0; b < kGridBlocks; ++b)
+            if (g_focusZone.blockMask[b] != 0)
+                blocks.push_back(b);
+        return blocks;
+    };
+    std::vector<int> subject;
+    for (int b = 0; b < kGridBlocks; ++b)
+        if (g_fakes.ref.blockMask[b] != 0)
+            subject.push_back(b);
+    ASSERT_EQ(subject.size(), 18u);
+    EXPECT_EQ(start_zone(2), subject);
+    EXPECT_EQ(selected(), (std::vector<int>{12, 13}));
+    EXPECT_NE(start_zone(1), subject) << "a watch refocus takes the sharp middle blocks";
+    g_pointLight.refocusCause = 0;
 }
 
 }  // namespace
