@@ -617,6 +617,7 @@ void update_trend_series() {
     g_coarse.seriesN = v.n;
     std::memcpy(g_coarse.seriesV, v.v, v.n * sizeof(uint32_t));
     std::memcpy(g_coarse.seriesH, h.v, h.n * sizeof(uint32_t));
+    point_light_series_rebuild();
 }
 
 void clear_trend_series() {
@@ -750,7 +751,6 @@ void CoarseStep() {
         g_coarse.coarseStep = static_cast<int8_t>(step);
 
         // 6. Stop tests.
-        point_light_series_push();
         const uint8_t n = g_coarse.seriesN;
         const uint8_t tf = TrendOfRaw(g_coarse.seriesF, 5, 0.1f, 15.0f);
         const uint8_t tv = TrendOf(g_coarse.seriesV, n, 0.08f, 10.0f);

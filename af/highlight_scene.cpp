@@ -18,6 +18,7 @@
 #include "af/focus_watch.h"
 #include "af/focus_zone.h"
 #include "isp/af_stat.h"
+#include "isp/frame_history.h"
 #include "isp/highlight.h"
 #include "isp/isp_link.h"
 #include "lens_api/iris.h"
@@ -71,15 +72,11 @@ void clear_counters() {
     g_pointLight.bestCount = 0;
 }
 
-uint32_t list_mean(const uint8_t* list, const uint32_t* grid) {
-    uint32_t sum = 0;
-    uint32_t n = 0;
+void cells_of(const uint8_t* list, FhCellList* cells) {
+    cells->clear();
     for (int b = 0; b < kGridBlocks; ++b)
-        if (list[b] != 0) {
-            sum += grid[b];
-            ++n;
-        }
-    return n ? sum / n : 0;
+        if (list[b] != 0)
+            cells->add(static_cast<uint8_t>(b / kGridCols), static_cast<uint8_t>(b % kGridCols));
 }
 
 }  // namespace
@@ -172,23 +169,24 @@ void point_light_build_lists() {
     g_pointLight.seriesN = 0;
 }
 
-void point_light_series_push() {
-    if (g_seams.plSeriesArmed == 0)
-        return;
-    uint32_t grid[kGridBlocks];
-    af_stat_grid_by_kind(grid, 2);
-    const uint32_t iir2 = list_mean(g_pointLight.blocksIir2, grid);
-    af_stat_grid_by_kind(grid, 3);
-    const uint32_t firh = list_mean(g_pointLight.blocksFirH, grid);
+void point_light_series_rebuild() {
     PointLightState& s = g_pointLight;
-    if (s.seriesN == 5) {
-        std::memmove(&s.seriesIir2[0], &s.seriesIir2[1], 4 * sizeof s.seriesIir2[0]);
-        std::memmove(&s.seriesFirH[0], &s.seriesFirH[1], 4 * sizeof s.seriesFirH[0]);
-        --s.seriesN;
+    if (g_seams.plSeriesArmed == 0) {
+        s.seriesN = 0;
+        return;
     }
-    s.seriesIir2[s.seriesN] = iir2;
-    s.seriesFirH[s.seriesN] = firh;
-    ++s.seriesN;
+    // Like the zone's V and H series: the lists' means over the last five frames the statistics
+    // history holds, oldest first, rebuilt on every sampled frame.
+    FhCellList cells;
+    FhSeries iir2;
+    FhSeries firh;
+    cells_of(s.blocksIir2, &cells);
+    fh_ring_series(&iir2, cells, 2, 5);
+    cells_of(s.blocksFirH, &cells);
+    fh_ring_series(&firh, cells, 3, 5);
+    s.seriesN = std::min(iir2.n, firh.n);
+    std::memcpy(s.seriesIir2, iir2.v, s.seriesN * sizeof s.seriesIir2[0]);
+    std::memcpy(s.seriesFirH, firh.v, s.seriesN * sizeof s.seriesFirH[0]);
 }
 
 uint8_t point_light_series_trend() {

@@ -43,8 +43,9 @@ extern PointLightState g_pointLight;
 void PointLightBlocks(const uint32_t* grid225, uint8_t* list225);
 // Builds both block lists from the current statistics and empties the series.
 void point_light_build_lists();
-// Adds this frame's means over the block lists to the series (while armed).
-void point_light_series_push();
+// Rebuilds the series from the statistics history: the means over the block lists of the last
+// five frames (while armed; empty otherwise).
+void point_light_series_rebuild();
 // Trend of the IIR2 series for the coarse approach: 0 nothing to act on, 1 rising, 2 falling.
 uint8_t point_light_series_trend();
 // The zone refinement's reaction to a picture with no contrast outside its lights: true when it

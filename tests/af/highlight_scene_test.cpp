@@ -2,6 +2,7 @@
 // their series, the start-zone choice around connected lights, and the frame list that moves the
 // zone when a scene turns out to be lights only (or to have detail after all).
 #include "af/highlight_scene.h"
+#include "isp/frame_history.h"
 #include "lens_api/iris.h"
 #include "tests/af/af_rules_fixture.h"
 
@@ -124,10 +125,17 @@ TEST_F(HighlightSceneTest, LightBlockListsAndTheirFallingSeriesTurnTheCoarseAppr
     g_search.framesInDir = 5;
     g_coarse.coarseFrames = 1;
     lens_set_positions(3200, 4000);
+    // The series come from the statistics history, frame by frame as the search samples them.
+    fh_ring_clear();
+    FhFrame rec;
     for (uint32_t v : {3600u, 3200u, 2800u, 2400u}) {
         f.window(12, v).fetch();
-        point_light_series_push();
+        fh_frame_from_stats(&rec);
+        fh_ring_push(rec);
+        point_light_series_rebuild();
     }
+    EXPECT_EQ(g_pointLight.seriesN, 4);
+    EXPECT_GT(g_pointLight.seriesIir2[0], g_pointLight.seriesIir2[3]) << "oldest first";
     EXPECT_EQ(point_light_series_trend(), 2);
     // In low light a series that never reached 500 says nothing.
     set_low_light(true);
