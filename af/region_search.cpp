@@ -21,6 +21,7 @@
 #include "isp/highlight.h"
 #include "isp/isp_link.h"
 #include "lens_api/lens_position.h"
+#include "platform/clock.h"
 
 RegionSearchState g_regionSearch;
 
@@ -381,7 +382,9 @@ void build_region_mask() {
 void start_region_search() {
     if (!(af_zoom() > 500 && g_seams.currentDistance < 201) &&
         g_focusValue.posHist[0] > af_focus()) {
-        // The lens came down to the subject: the blocks that got sharper on the way are it.
+        // The lens came down to the subject: the blocks that got sharper on the way are it. A
+        // frame's time lets the lens settle so that the statistics show where it stands.
+        platform::sleep_us(33000);
         if (Get_ISP_VD() == 0)
             af_stat_fetch(1);
         uint32_t now[kGridBlocks];

@@ -242,8 +242,14 @@ TEST_F(DistanceAssistTest, JumpAfterAZoomHandsTheRegionSearchWhatItMustGiveBack)
     g_search.firstAfterZoom = 1;
     g_search.searchPhase = 2;
     g_afState = 1;
+    g_focusValue.posHist[0] = static_cast<uint16_t>(e + 100);
+    clock_.stops.clear();
     distance_start_jump();
     EXPECT_EQ(lens_get_focus_pos(), e) << "driven to the distance's position";
+    // Five moves of 20 steps with a frame's wait after each; then the region search lets the lens
+    // settle for a frame before it waits for the statistics of the next one, to see which blocks
+    // got sharper on the way down.
+    EXPECT_EQ(clock_.stops.size(), 7u) << ::testing::PrintToString(clock_.stops);
     ASSERT_EQ(g_search.searchPhase, 8u);
     const uint32_t dir = g_search.searchDir;  // the drive's last direction
     // Probes whose three captures read alike decide nothing; after the fourth the search is
