@@ -219,9 +219,11 @@ void unlocked_region_check() {
     g_search.searchDir = 1;
     g_seams.dirHold = 1;
     g_windowAverage = 0;  // the region's own blocks measure now, not the plain window average
+    // A region whose value has just peaked enters the final approach, and the review of the
+    // final approach then runs on the same frame: the lens goes back to the peak.
     if (g_search.searchPhase == 3 && positions_monotonic(5) && fv_peaked())
         g_search.searchPhase = 4;
-    else if (g_search.searchPhase == 4)
+    if (g_search.searchPhase == 4)
         unlocked_phase4();
     if (g_search.searchPhase == 4)
         best_of_history();

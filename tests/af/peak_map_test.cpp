@@ -247,6 +247,8 @@ TEST_F(RegionCheckTest, UnlockedCheckEntersTheFinalApproachWhenTheRegionPeaked) 
         curve(b, {1500, 1700, 2000, 1700, 1500});
     unlocked_region_check();
     EXPECT_EQ(g_search.searchPhase, 4u);
+    EXPECT_EQ(af_focus(), 4004) << "back to where the region peaked";
+    EXPECT_EQ(g_regionCheck.finalEntry, 1);
     EXPECT_EQ(g_final.finalBest, 2000u);
     EXPECT_EQ(g_final.finalBestPos, 4004);
 }
