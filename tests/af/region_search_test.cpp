@@ -98,6 +98,32 @@ TEST_F(RegionSearchTest, ThreeClimbingRoundsHandTheRegionToASearchUpwards) {
     EXPECT_EQ(g_afState, 1u);
 }
 
+TEST_F(RegionSearchTest, FallingLevelRestartsOnceThenHandsBack) {
+    probe(2400, 2400, 2400);
+    ASSERT_EQ(g_search.searchPhase, 8u);
+    // The region's level fell by more than a third: the region search starts over on a fresh
+    // zone, and keeps this round's level to compare the next one with.
+    probe(1500, 1500, 1500);
+    ASSERT_EQ(g_search.searchPhase, 8u);
+    EXPECT_EQ(g_afState, 1u);
+    EXPECT_EQ(g_regionSearch.prevLevel, (3 * 1500u - 150) / 3);
+    // Fallen by a third again: no restart left, back to an ordinary search.
+    probe(1250, 900, 850);
+    EXPECT_NE(g_search.searchPhase, 8u);
+    EXPECT_EQ(g_afState, 1u);
+}
+
+TEST_F(RegionSearchTest, AFocusedRoundWhoseLevelFellIsNotTheSubject) {
+    // Flat tops at one place end focused, unless that round's level fell by a third: then the
+    // region search starts over instead.
+    for (int round = 0; round < 3; ++round)
+        probe(2400, 2410, 2400);
+    ASSERT_EQ(g_afState, 1u);
+    probe(1500, 1510, 1500);
+    EXPECT_EQ(g_afState, 1u);
+    EXPECT_EQ(g_search.searchPhase, 8u);
+}
+
 TEST_F(RegionSearchTest, NearSubjectFollowsTheWholeZone) {
     lens_set_positions(3300, 4000);
     g_seams.currentDistance = 250;
