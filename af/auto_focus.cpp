@@ -300,7 +300,9 @@ void ChooseStartDirection() {
             if (n < 8 && !near_high_end) {
                 // Little changed where the subject was: it most likely came nearer.
                 g_search.searchDir = 2;
-            } else if (g_sceneResult.event == kObjectOut) {
+            }
+            // What the scene analysis saw has the last word.
+            if (g_sceneResult.event == kObjectOut) {
                 g_search.searchDir = 2;
             } else if (g_sceneResult.event == kObjectIn) {
                 g_search.searchDir = g_seams.pointLightStartMarker ? 2 : 1;
@@ -459,9 +461,11 @@ void start_search() {
         const int32_t B = af_curve_base();
         if (f < B - 50 || f > B + af_far_offset(50) + 50)
             g_search.searchPhase = 1;
+        // Whether the search itself chose to start fine; a point-light measure starts fine in
+        // any case, but the coarse approach's own step rules stay in force if it comes to them.
+        g_fine.startedFine = g_search.searchPhase == 3 ? 1 : 0;
         if (g_pointLightMeasure != 0)
             g_search.searchPhase = 3;
-        g_fine.startedFine = g_search.searchPhase == 3 ? 1 : 0;
         g_search.startExposure = get_exp_gain_ratio();
         g_search.startIris = iris_get_value();
         distance_start_jump();
@@ -582,10 +586,10 @@ void search_frame() {
                 g_focusZone.clear_window_mask();
                 g_focusZone.windowMask[best] = 1;
             }
-        } else {
-            g_search.searchPhase = 9;
+            return;
         }
-        return;
+        // Still on the way back: no phase step runs, the rest of the frame does.
+        g_search.searchPhase = 9;
     }
     CountDirectionFrames();
     switch (g_search.searchPhase) {

@@ -819,6 +819,9 @@ void ClimbReset() {
     g_climb.climbFalls = 0;
     g_climb.climbMax = 50;
     g_climb.climbMaxPos = af_focus();
+    // Falls the peak test did not believe belong to this climb; the next one starts believing
+    // nothing it has not seen.
+    g_climb.unconfirmed = 0;
     ClearCandidate();
 }
 

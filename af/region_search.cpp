@@ -471,9 +471,13 @@ uint8_t ended_by_region_search() {
 }
 
 void enter_region_search() {
-    S.savedPhase = g_search.searchPhase;
-    S.savedDir = g_search.searchDir;
-    S.retries = 2;
+    // A distance that moves again while the region search runs starts it over, but what it gives
+    // back when it hands over stays what the search had when phase 8 began.
+    if (g_search.searchPhase != 8) {
+        S.savedPhase = g_search.searchPhase;
+        S.savedDir = g_search.searchDir;
+        S.retries = 2;
+    }
     g_search.searchPhase = 8;
     start_region_search();
     region_search(0);

@@ -167,6 +167,12 @@ TEST_F(ClimbRuleTest, PeakOtherwiseNeedsRepeatedFallsOrADaylightScene) {
     for (int i = 0; i < 3; ++i)
         EXPECT_FALSE(ClimbPeakReal()) << "unconfirmed " << i;
     EXPECT_TRUE(ClimbPeakReal()) << "the fourth time";
+    // A new climb counts its own unconfirmed falls.
+    ClimbReset();
+    EXPECT_FALSE(ClimbPeakReal()) << "the first of a new climb";
+    for (int i = 0; i < 2; ++i)
+        ClimbPeakReal();
+    EXPECT_TRUE(ClimbPeakReal());
     g_climb.flatFrames = 5;
     EXPECT_FALSE(ClimbPeakReal()) << "not during a flat low-light stretch";
     g_seams.pointLightZone = 0;

@@ -252,6 +252,10 @@ TEST_F(DistanceAssistTest, JumpAfterAZoomHandsTheRegionSearchWhatItMustGiveBack)
     EXPECT_EQ(clock_.stops.size(), 7u) << ::testing::PrintToString(clock_.stops);
     ASSERT_EQ(g_search.searchPhase, 8u);
     const uint32_t dir = g_search.searchDir;  // the drive's last direction
+    // A second hand-over while the region search runs (the distance moved again) starts it over
+    // but keeps what it gives back.
+    enter_region_search();
+    ASSERT_EQ(g_search.searchPhase, 8u);
     // Probes whose three captures read alike decide nothing; after the fourth the search is
     // given back.
     for (int round = 0; round < 4 && g_search.searchPhase == 8; ++round)

@@ -262,7 +262,8 @@ TEST_F(RestartRulesTest, StartDirectionAfterTheWatchAskedFollowsWhatChanged) {
         uint32_t event;
         uint32_t dir;
     } cases[] = {
-        {"little changed: the subject came nearer", 0, 3, kObjectNon, 2},
+        {"little changed: the scene analysis's event still decides", 0, 3, kObjectNon, 1},
+        {"little changed, an object left", 0, 3, kObjectOut, 2},
         {"an object left", 0, 20, kObjectOut, 2},
         {"an object came in", 0, 20, kObjectIn, 1},
         {"other events: sharp windows say farther", 0, 20, kObjectShake, 1},
@@ -290,6 +291,27 @@ TEST_F(RestartRulesTest, StartDirectionAfterTheWatchAskedFollowsWhatChanged) {
     g_sceneResult.event = kObjectShake;
     ChooseStartDirection();
     EXPECT_EQ(g_search.searchDir, 2u);
+}
+
+// Both ends reached without a peak: the lens walks back to the best place seen, at most 30 steps
+// a frame, and the frames of the walk still count as frames of the search.
+TEST_F(RestartRulesTest, WalkBackAfterNoPeakIsTrackedFrameByFrame) {
+    restart_and_start();
+    ASSERT_EQ(g_afState, 1u);
+    show(all(300));
+    lens_set_positions(3200, g_search.lowerBound);
+    g_search.searchPhase = 2;
+    g_search.searchDir = 2;
+    g_search.lastDirSeen = 2;
+    g_search.hitLower = g_search.hitUpper = 1;
+    g_climb.finalReturn = 0;
+    g_focusValue.searchMaxWindow = 5000;
+    g_focusValue.searchMaxWindowPos = static_cast<uint16_t>(g_search.lowerBound + 100);
+    g_lastAfPos = 0;
+    frame();
+    EXPECT_EQ(g_search.searchPhase, 9u);
+    EXPECT_EQ(af_focus(), g_search.lowerBound + 30);
+    EXPECT_EQ(g_lastAfPos, af_focus()) << "the walk's position is the last autofocus position";
 }
 
 TEST_F(RestartRulesTest, DistanceRuleReadsTheDistanceAtLastFocus) {
