@@ -7,9 +7,9 @@
 #include <vector>
 
 #include "af/focus_watch.h"
+#include "af/highlight_scene.h"
 #include "base/frame_pacing.h"
 #include "isp/isp_link.h"
-#include "af/highlight_scene.h"
 #include "tests/af/af_rules_fixture.h"
 #include "tracking/curves.h"
 
