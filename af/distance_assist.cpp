@@ -116,12 +116,6 @@ void restart_search() {
     g_watch.motionHint = 0;
 }
 
-// The region search takes over from a lens already driven to the distance's position; it keeps
-// the phase and direction of this moment to give back when it hands over, and its restarts.
-void hand_to_region_search() {
-    enter_region_search();
-}
-
 // The distance moved by more than the margin since the search start: 0 the lens still fits (it
 // stands at the new distance's end of the span), 1 a nearer subject with the lens still at the
 // old position (the next search drives it there first), 2 a farther subject with the lens still
@@ -356,7 +350,7 @@ void distance_start_jump() {
     // Also a decision the scene analysis or the watch's distance check left for this start.
     if (g_sceneResult.decision == 1 && distance_assist_active() && known(d)) {
         move_to_distance(d);
-        hand_to_region_search();
+        enter_region_search();  // the region search takes over from here
     }
 }
 
@@ -384,7 +378,7 @@ bool distance_search_shortcut() {
     move_to_distance(d1);
     SnapshotReference();
     g_afState = 1;
-    hand_to_region_search();
+    enter_region_search();  // the region search takes over from here
     return true;
 }
 
