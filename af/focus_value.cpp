@@ -409,7 +409,6 @@ void SnapshotReference() {
         std::memcpy(g_focusValue.gridHist[k], grid, sizeof grid);
         std::memcpy(g_focusValue.iir2GridHist[k], iir2grid, sizeof iir2grid);
     }
-    refresh_masks();
     const uint32_t scene = ComputeSceneSharpness(W, grid);
     const uint32_t fv = ComputeFocusValue(W, grid);
     const uint16_t pos = af_focus();
@@ -419,6 +418,9 @@ void SnapshotReference() {
         g_focusValue.posHist[k] = pos;
     }
     push_queues();
+    // The lights latched for the new search count from its next frame on; the reference value
+    // is taken as the last search saw the picture.
+    refresh_masks();
     SetBestFv(g_focusValue.fvHist[0]);
     clear_fine_counters();
 }

@@ -276,4 +276,27 @@ TEST_F(HighlightSceneTest, WatchRefocusOnASoftenedPictureSwitchesTheDetailTestOf
     EXPECT_EQ(start(2, 1800), 1);
 }
 
+// A new reference is measured with the lights the last search left out; the lights latched now
+// are left out from the next frame on.
+TEST_F(HighlightSceneTest, ReferenceValueCountsNewLightsOnlyFromTheNextFrame) {
+    g_blockPath = 1;
+    g_zoneType = 2;
+    select_only({12});
+    StatFrame f;
+    f.all(1000);
+    const int lit = 7 * 15 + 7;
+    for (size_t off : {kAfStatFirVOffset, kAfStatIir1Offset, kAfStatFirHOffset, kAfStatIir2Offset})
+        f.put(off, lit, 4000);
+    lamp(f, 7, 7);
+    highlight_arm_update();
+    f.fetch();
+    highlight_disarm_update();
+    SnapshotReference();
+    const uint32_t with_light = g_focusValue.fvHist[0];
+    EXPECT_EQ(g_focusValue.excludedMask[lit], 1) << "latched for the frames that follow";
+    SnapshotReference();
+    EXPECT_LT(g_focusValue.fvHist[0], with_light);
+    EXPECT_EQ(g_focusValue.fvHist[0], 1000u + 50) << "the window's other eight blocks";
+}
+
 }  // namespace
