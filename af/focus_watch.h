@@ -35,7 +35,7 @@ struct WatchState {
     // Frames a point-light scene waits at focus before it is watched.
     uint8_t plSettle = 0;
     // Distance margin of the distance assist at this focus (zoom / 512 within 4..8).
-    uint16_t distanceMargin = 4;
+    uint16_t distanceMargin = 5;
     uint16_t focusPosition = 0;
     // The monitoring reference windows, and what was kept at focus.
     uint32_t refWindows[kWindowCount] = {};

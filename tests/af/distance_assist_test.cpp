@@ -267,4 +267,24 @@ TEST_F(DistanceAssistTest, JumpAfterAZoomHandsTheRegionSearchWhatItMustGiveBack)
     EXPECT_EQ(g_search.searchDir, dir);
 }
 
+// Until the first focus sets it from the zoom, five steps from the distance's position count as no
+// real change: the search after a zoom is not replaced by a drive for that little.
+TEST_F(DistanceAssistTest, BeforeTheFirstFocusFiveStepsAreNoChange) {
+    set_distance_assist_mode(1);
+    const uint16_t e = expected_focus(3000);
+    g_search.lowerBound = static_cast<uint16_t>(e - 300);
+    g_search.upperBound = static_cast<uint16_t>(e + 300);
+    feed({3000, 3000, 3000});
+    afrules::raw_frame(1500, {}).fetch();
+    for (int off : {5, 6}) {
+        focus_at(static_cast<uint16_t>(e + off));
+        g_search.firstAfterZoom = 1;
+        g_search.searchPhase = 2;
+        g_afState = 1;
+        distance_start_jump();
+        EXPECT_EQ(g_search.searchPhase, off > 5 ? 8u : 2u) << off << " steps off";
+        EXPECT_EQ(lens_get_focus_pos(), off > 5 ? e : e + off) << off << " steps off";
+    }
+}
+
 }  // namespace
