@@ -49,6 +49,17 @@ class DistanceAssistTest : public afrules::AfRulesTest {
             af_distance_input(v);
     }
     static void focus_at(uint16_t p) { lens_set_positions(lens_get_zoom_pos(), p); }
+    // The assist on, a rangefinder steadily reading 3 m, a picture with some detail and the search
+    // range 300 steps either side of the position 3 m needs; returns that position.
+    static uint16_t assisted_subject_at_3m() {
+        set_distance_assist_mode(1);
+        const uint16_t e = expected_focus(3000);
+        g_search.lowerBound = static_cast<uint16_t>(e - 300);
+        g_search.upperBound = static_cast<uint16_t>(e + 300);
+        feed({3000, 3000, 3000});
+        afrules::raw_frame(1500, {}).fetch();
+        return e;
+    }
 
     DriveClock clock_;
 };
@@ -232,13 +243,8 @@ TEST_F(DistanceAssistTest, FocusAtTheWideEndTeachesTheCalibrationOffset) {
 // After a zoom with a known distance the lens is driven to the distance's position and the region
 // search takes over; when it cannot decide it gives the search back as it was when it took over.
 TEST_F(DistanceAssistTest, JumpAfterAZoomHandsTheRegionSearchWhatItMustGiveBack) {
-    set_distance_assist_mode(1);
-    const uint16_t e = expected_focus(3000);
-    g_search.lowerBound = static_cast<uint16_t>(e - 300);
-    g_search.upperBound = static_cast<uint16_t>(e + 300);
-    feed({3000, 3000, 3000});
+    const uint16_t e = assisted_subject_at_3m();
     focus_at(static_cast<uint16_t>(e + 100));
-    afrules::raw_frame(1500, {}).fetch();
     g_search.firstAfterZoom = 1;
     g_search.searchPhase = 2;
     g_afState = 1;
@@ -270,12 +276,7 @@ TEST_F(DistanceAssistTest, JumpAfterAZoomHandsTheRegionSearchWhatItMustGiveBack)
 // Until the first focus sets it from the zoom, five steps from the distance's position count as no
 // real change: the search after a zoom is not replaced by a drive for that little.
 TEST_F(DistanceAssistTest, BeforeTheFirstFocusFiveStepsAreNoChange) {
-    set_distance_assist_mode(1);
-    const uint16_t e = expected_focus(3000);
-    g_search.lowerBound = static_cast<uint16_t>(e - 300);
-    g_search.upperBound = static_cast<uint16_t>(e + 300);
-    feed({3000, 3000, 3000});
-    afrules::raw_frame(1500, {}).fetch();
+    const uint16_t e = assisted_subject_at_3m();
     for (int off : {5, 6}) {
         focus_at(static_cast<uint16_t>(e + off));
         g_search.firstAfterZoom = 1;
